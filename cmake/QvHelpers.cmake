@@ -1,0 +1,43 @@
+# qv_add_library(NAME <target> EXPORT_MACRO_HEADER <dir>)
+# Shared library from <dir>/src/*.cpp with public headers in <dir>/include,
+# installed and exported as QV::<target> through a find_package config.
+function(qv_add_library target dir)
+  file(GLOB _srcs CONFIGURE_DEPENDS ${dir}/src/*.cpp)
+  add_library(${target} SHARED ${_srcs})
+  add_library(QV::${target} ALIAS ${target})
+  target_include_directories(${target}
+    PUBLIC $<BUILD_INTERFACE:${dir}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
+    PRIVATE ${dir}/src)
+  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  install(TARGETS ${target} EXPORT ${target}Targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(DIRECTORY ${dir}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  install(EXPORT ${target}Targets NAMESPACE QV:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
+endfunction()
+
+# qv_install_config(<target> <dependency lines...>)
+# Writes <target>Config.cmake that finds the dependencies and includes the targets.
+function(qv_install_config target deps)
+  set(_cfg ${CMAKE_CURRENT_BINARY_DIR}/${target}Config.cmake)
+  file(WRITE ${_cfg} "include(CMakeFindDependencyMacro)\n${deps}\ninclude(\${CMAKE_CURRENT_LIST_DIR}/${target}Targets.cmake)\n")
+  write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/${target}ConfigVersion.cmake
+    VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+  install(FILES ${_cfg} ${CMAKE_CURRENT_BINARY_DIR}/${target}ConfigVersion.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
+endfunction()
+
+# qv_add_tests(<dir> <libs...>): one GoogleTest executable per <dir>/*_test.cpp.
+function(qv_add_tests dir)
+  if(NOT QV_BUILD_TESTS)
+    return()
+  endif()
+  file(GLOB _tests CONFIGURE_DEPENDS ${dir}/*_test.cpp)
+  foreach(_t ${_tests})
+    get_filename_component(_name ${_t} NAME_WE)
+    add_executable(${_name} ${_t})
+    target_link_libraries(${_name} PRIVATE ${ARGN} GTest::gtest GTest::gmock GTest::gtest_main)
+    gtest_discover_tests(${_name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  endforeach()
+endfunction()

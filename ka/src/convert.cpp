@@ -1,0 +1,253 @@
+// Value conversion: exact, or refused. A conversion never silently loses
+// information: integers are range-checked, floats convert to integers only when
+// they hold an integral value in range, strings convert only to strings.
+#include <ka/anyvalue.hpp>
+
+#include <cfloat>
+#include <cmath>
+#include <limits>
+#include <memory>
+
+namespace ka {
+namespace {
+
+const std::string& sig(const TypeInterface* t) { return t->signature().toString(); }
+
+[[noreturn]] void fail(const TypeInterface* from, const TypeInterface* to,
+                       const std::string& reason) {
+  throw ConversionError(sig(from), sig(to), reason);
+}
+
+// Owns the storage it allocates until released into an AnyValue, so an exception in
+// the middle of a container conversion leaks nothing.
+class Storage {
+ public:
+  explicit Storage(const TypeInterface* type) : _type(type), _ptr(type->initializeStorage()) {}
+  Storage(const Storage&) = delete;
+  Storage& operator=(const Storage&) = delete;
+  ~Storage() {
+    if (_ptr != nullptr) {
+      _type->destroy(_ptr);
+    }
+  }
+  void* get() const { return _ptr; }
+  AnyValue release() {
+    void* p = _ptr;
+    _ptr = nullptr;
+    return AnyValue(_type, p, true);
+  }
+
+ private:
+  const TypeInterface* _type;
+  void* _ptr;
+};
+
+struct IntRange {
+  bool isSigned;
+  std::int64_t min;
+  std::uint64_t max;
+};
+
+IntRange rangeOf(const IntTypeInterface* t) {
+  const std::size_t size = t->size();
+  if (size == 0) {
+    return {false, 0, 1};
+  }
+  const unsigned bits = static_cast<unsigned>(size * 8);
+  if (t->isSigned()) {
+    const std::uint64_t max = (std::uint64_t{1} << (bits - 1)) - 1;
+    return {true, -static_cast<std::int64_t>(max) - 1, max};
+  }
+  const std::uint64_t max =
+      bits == 64 ? std::numeric_limits<std::uint64_t>::max() : (std::uint64_t{1} << bits) - 1;
+  return {false, 0, max};
+}
+
+AnyValue intFromInt(const IntTypeInterface* from, const void* storage, const IntTypeInterface* to) {
+  const std::int64_t raw = from->get(storage);
+  const IntRange r = rangeOf(to);
+  bool ok;
+  std::string text;
+  if (from->isSigned()) {
+    ok = raw >= r.min && (raw < 0 || static_cast<std::uint64_t>(raw) <= r.max);
+    text = std::to_string(raw);
+  } else {
+    const auto u = static_cast<std::uint64_t>(raw);
+    ok = u <= r.max;
+    text = std::to_string(u);
+  }
+  if (!ok) {
+    fail(from, to, text + " is out of range");
+  }
+  Storage out(to);
+  to->set(out.get(), raw);
+  return out.release();
+}
+
+AnyValue intFromFloat(const FloatTypeInterface* from, const void* storage,
+                      const IntTypeInterface* to) {
+  const double d = from->get(storage);
+  if (!std::isfinite(d)) {
+    fail(from, to, "the value is not finite");
+  }
+  if (std::trunc(d) != d) {
+    fail(from, to, std::to_string(d) + " is not an integer");
+  }
+  const IntRange r = rangeOf(to);
+  // Bounds as doubles: 2^63 and 2^64 are exact, so compare with >= against them.
+  const double upperExclusive = static_cast<double>(r.max) + 1.0;
+  if (d < static_cast<double>(r.min) || d >= upperExclusive) {
+    fail(from, to, std::to_string(d) + " is out of range");
+  }
+  Storage out(to);
+  if (d < 0) {
+    to->set(out.get(), static_cast<std::int64_t>(d));
+  } else {
+    to->set(out.get(), static_cast<std::int64_t>(static_cast<std::uint64_t>(d)));
+  }
+  return out.release();
+}
+
+AnyValue floatFromNumber(const TypeInterface* from, const void* storage,
+                         const FloatTypeInterface* to) {
+  double d;
+  if (from->kind() == TypeKind::Int) {
+    const auto* it = static_cast<const IntTypeInterface*>(from);
+    const std::int64_t raw = it->get(storage);
+    d = it->isSigned() ? static_cast<double>(raw)
+                       : static_cast<double>(static_cast<std::uint64_t>(raw));
+  } else {
+    d = static_cast<const FloatTypeInterface*>(from)->get(storage);
+  }
+  if (to->size() == 4 && std::isfinite(d) && std::fabs(d) > FLT_MAX) {
+    fail(from, to, std::to_string(d) + " is out of range");
+  }
+  Storage out(to);
+  to->set(out.get(), d);
+  return out.release();
+}
+
+AnyValue convertImpl(const AnyReference& src, const TypeInterface* to);
+
+AnyValue listFromList(const ListTypeInterface* from, void* storage, const ListTypeInterface* to) {
+  Storage out(to);
+  const std::size_t n = from->size(storage);
+  to->reserve(out.get(), n);
+  for (std::size_t i = 0; i < n; ++i) {
+    AnyValue e = convertImpl(AnyReference(from->elementType(), from->element(storage, i)),
+                             to->elementType());
+    to->pushBack(out.get(), e.rawValue());
+  }
+  return out.release();
+}
+
+AnyValue mapFromMap(const MapTypeInterface* from, void* storage, const MapTypeInterface* to) {
+  Storage out(to);
+  from->forEach(storage, [&](const void* k, void* v) {
+    AnyValue key =
+        convertImpl(AnyReference(from->keyType(), const_cast<void*>(k)), to->keyType());
+    AnyValue value = convertImpl(AnyReference(from->elementType(), v), to->elementType());
+    to->insert(out.get(), key.rawValue(), value.rawValue());
+  });
+  return out.release();
+}
+
+AnyValue tupleFromTuple(const TupleTypeInterface* from, void* storage,
+                        const TupleTypeInterface* to) {
+  const auto& fm = from->memberTypes();
+  const auto& tm = to->memberTypes();
+  if (fm.size() != tm.size()) {
+    fail(from, to, "tuples differ in size");
+  }
+  Storage out(to);
+  for (std::size_t i = 0; i < fm.size(); ++i) {
+    AnyValue m = convertImpl(AnyReference(fm[i], from->member(storage, i)), tm[i]);
+    tm[i]->assign(to->member(out.get(), i), m.rawValue());
+  }
+  return out.release();
+}
+
+AnyValue convertImpl(const AnyReference& src, const TypeInterface* to) {
+  const TypeInterface* from = src.type();
+  if (from == nullptr) {
+    throw ConversionError("", sig(to), "the value is invalid");
+  }
+  if (sameType(from, to)) {
+    return AnyValue(src);
+  }
+  if (to->kind() == TypeKind::Dynamic) {
+    Storage out(to);
+    static_cast<const DynamicTypeInterface*>(to)->setContent(out.get(), src);
+    return out.release();
+  }
+  if (from->kind() == TypeKind::Dynamic) {
+    const AnyReference inner = src.content();
+    if (!inner.isValid()) {
+      throw ConversionError("m", sig(to), "the dynamic value is empty");
+    }
+    return convertImpl(inner, to);
+  }
+  void* storage = src.rawValue();
+  switch (to->kind()) {
+    case TypeKind::Int: {
+      const auto* target = static_cast<const IntTypeInterface*>(to);
+      if (from->kind() == TypeKind::Int) {
+        return intFromInt(static_cast<const IntTypeInterface*>(from), storage, target);
+      }
+      if (from->kind() == TypeKind::Float) {
+        return intFromFloat(static_cast<const FloatTypeInterface*>(from), storage, target);
+      }
+      break;
+    }
+    case TypeKind::Float:
+      if (from->kind() == TypeKind::Int || from->kind() == TypeKind::Float) {
+        return floatFromNumber(from, storage, static_cast<const FloatTypeInterface*>(to));
+      }
+      break;
+    case TypeKind::String:
+      if (from->kind() == TypeKind::String) {
+        Storage out(to);
+        static_cast<const StringTypeInterface*>(to)->set(
+            out.get(), static_cast<const StringTypeInterface*>(from)->get(storage));
+        return out.release();
+      }
+      break;
+    case TypeKind::List:
+      if (from->kind() == TypeKind::List) {
+        return listFromList(static_cast<const ListTypeInterface*>(from), storage,
+                            static_cast<const ListTypeInterface*>(to));
+      }
+      break;
+    case TypeKind::Map:
+      if (from->kind() == TypeKind::Map) {
+        return mapFromMap(static_cast<const MapTypeInterface*>(from), storage,
+                          static_cast<const MapTypeInterface*>(to));
+      }
+      break;
+    case TypeKind::Tuple:
+      if (from->kind() == TypeKind::Tuple) {
+        return tupleFromTuple(static_cast<const TupleTypeInterface*>(from), storage,
+                              static_cast<const TupleTypeInterface*>(to));
+      }
+      break;
+    case TypeKind::Void:
+      if (from->kind() == TypeKind::Void) {
+        return AnyValue::makeVoid();
+      }
+      break;
+    case TypeKind::Object:
+    case TypeKind::Dynamic:
+    case TypeKind::Unknown:
+      break;
+  }
+  fail(from, to, std::string("no conversion from ") + toString(from->kind()) + " to " +
+                     toString(to->kind()));
+}
+
+}  // namespace
+
+AnyValue AnyReference::convert(const TypeInterface* target) const {
+  return convertImpl(*this, target);
+}
+
+}  // namespace ka

@@ -1,0 +1,101 @@
+#include <ka/anyfunction.hpp>
+
+#include <boost/bind/bind.hpp>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+int addOne(int x) { return x + 1; }
+
+struct Greeter {
+  std::string prefix = "hello ";
+  std::string greet(const std::string& name) const { return prefix + name; }
+  void remember(int v) { last = v; }
+  int last = 0;
+};
+
+TEST(AnyFunctionSignature, IsDeducedFromEveryKindOfCallable) {
+  const auto free = ka::AnyFunction::from(&addOne);
+  EXPECT_EQ(free.parametersSignature().toString(), "(i)");
+  EXPECT_EQ(free.resultSignature().toString(), "i");
+
+  const auto lambda =
+      ka::AnyFunction::from([](const std::string&, std::int64_t, const ka::AnyValue&) {});
+  EXPECT_EQ(lambda.parametersSignature().toString(), "(slm)");
+  EXPECT_EQ(lambda.resultSignature().toString(), "v");
+
+  boost::function<bool(std::vector<int>)> bf = [](std::vector<int> v) { return v.empty(); };
+  const auto boosted = ka::AnyFunction::from(bf);
+  EXPECT_EQ(boosted.parametersSignature().toString(), "([i])");
+  EXPECT_EQ(boosted.resultSignature().toString(), "b");
+}
+
+TEST(AnyFunctionCall, CallsAMemberBoundWithBoostBind) {
+  auto g = std::make_shared<Greeter>();
+  using namespace boost::placeholders;
+  const auto f = ka::AnyFunction::from<std::string(const std::string&)>(
+      boost::bind(&Greeter::greet, g, _1));
+  EXPECT_EQ(f(std::string("ann")).toString(), "hello ann");
+  const auto m = ka::AnyFunction::fromMember(&Greeter::remember, g);
+  m(7);
+  EXPECT_EQ(g->last, 7);
+}
+
+TEST(AnyFunctionCall, ConvertsArgumentsToParameterTypes) {
+  const auto f = ka::AnyFunction::from(&addOne);
+  EXPECT_EQ(f(std::int64_t{41}).to<int>(), 42);
+  EXPECT_EQ(f(true).to<int>(), 2);
+  EXPECT_EQ(f(ka::AnyValue(3)).to<int>(), 4) << "dynamic arguments are unwrapped";
+}
+
+TEST(AnyFunctionCall, PassesMatchingArgumentsWithoutCopying) {
+  const std::string* seen = nullptr;
+  const auto f = ka::AnyFunction::from([&seen](const std::string& s) { seen = &s; });
+  const std::string arg = "no copy";
+  f.call({ka::AnyReference::from(arg)});
+  EXPECT_EQ(seen, &arg);
+}
+
+TEST(AnyFunctionCall, WrapsDynamicResultsSoAnEmptyResultSurvives) {
+  const auto f = ka::AnyFunction::from([]() { return ka::AnyValue(); });
+  const ka::AnyValue r = f.call({});
+  EXPECT_EQ(r.signature().toString(), "m");
+  EXPECT_FALSE(r.to<ka::AnyValue>().isValid());
+}
+
+TEST(AnyFunctionCall, AnswersTheVoidValueForVoidCallables) {
+  const auto f = ka::AnyFunction::from([](int) {});
+  const ka::AnyValue r = f(1);
+  EXPECT_EQ(r.signature().toString(), "v");
+}
+
+TEST(AnyFunctionError, NamesTheArgumentPositionAndBothTypes) {
+  const auto f = ka::AnyFunction::from([](const std::string&, int) {});
+  try {
+    f(std::string("a"), std::string("b"));
+    FAIL() << "a string does not convert to an int";
+  } catch (const ka::ArgumentError& e) {
+    const std::string text = e.what();
+    EXPECT_NE(text.find("argument 2"), std::string::npos) << text;
+    EXPECT_NE(text.find("'s'"), std::string::npos) << text;
+    EXPECT_NE(text.find("'i'"), std::string::npos) << text;
+  }
+  EXPECT_THROW(f(std::string("a"), std::int64_t{1} << 40), ka::ArgumentError);
+}
+
+TEST(AnyFunctionError, RefusesAWrongArgumentCount) {
+  const auto f = ka::AnyFunction::from(&addOne);
+  EXPECT_THROW(f.call({}), ka::ArgumentError);
+  EXPECT_THROW(f(1, 2), ka::ArgumentError);
+}
+
+TEST(AnyFunctionError, LetsTheCallablesOwnExceptionsThrough) {
+  const auto f = ka::AnyFunction::from([](int) -> int { throw std::logic_error("boom"); });
+  EXPECT_THROW(f(1), std::logic_error);
+}
+
+}  // namespace

@@ -1,0 +1,253 @@
+#include <ka/anyvalue.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+template <typename T>
+std::string sigOf() {
+  return ka::typeOf<T>()->signature().toString();
+}
+
+TEST(TypeSignature, NamesEveryScalarType) {
+  EXPECT_EQ(sigOf<void>(), "v");
+  EXPECT_EQ(sigOf<bool>(), "b");
+  EXPECT_EQ(sigOf<std::int8_t>(), "c");
+  EXPECT_EQ(sigOf<std::uint8_t>(), "C");
+  EXPECT_EQ(sigOf<std::int16_t>(), "w");
+  EXPECT_EQ(sigOf<std::uint16_t>(), "W");
+  EXPECT_EQ(sigOf<int>(), "i");
+  EXPECT_EQ(sigOf<unsigned int>(), "I");
+  EXPECT_EQ(sigOf<std::int64_t>(), "l");
+  EXPECT_EQ(sigOf<long long>(), "l");
+  EXPECT_EQ(sigOf<unsigned long long>(), "L");
+  EXPECT_EQ(sigOf<float>(), "f");
+  EXPECT_EQ(sigOf<double>(), "d");
+  EXPECT_EQ(sigOf<std::string>(), "s");
+  EXPECT_EQ(sigOf<ka::AnyValue>(), "m");
+}
+
+TEST(TypeSignature, ComposesNestedContainers) {
+  EXPECT_EQ(sigOf<std::vector<int>>(), "[i]");
+  EXPECT_EQ((sigOf<std::map<std::string, ka::AnyValue>>()), "{sm}");
+  EXPECT_EQ((sigOf<std::tuple<int, std::string, bool>>()), "(isb)");
+  EXPECT_EQ((sigOf<std::vector<std::vector<std::string>>>()), "[[s]]");
+  EXPECT_EQ((sigOf<std::map<int, std::vector<std::tuple<double, std::int64_t>>>>()), "{i[(dl)]}");
+  EXPECT_EQ((sigOf<std::pair<std::string, unsigned>>()), "(sI)");
+  EXPECT_EQ(sigOf<std::tuple<>>(), "()");
+}
+
+TEST(TypeSignature, IgnoresReferencesAndConst) {
+  EXPECT_EQ(ka::typeOf<const std::string&>(), ka::typeOf<std::string>());
+  EXPECT_EQ(ka::typeOf<const int>(), ka::typeOf<int>());
+}
+
+struct Opaque {
+  int x = 0;
+};
+
+TEST(TypeSignature, MarksTypesWithoutMiddlewareMeaningAsUnknown) {
+  EXPECT_EQ(sigOf<Opaque>(), "X");
+  EXPECT_EQ(ka::typeOf<Opaque>()->kind(), ka::TypeKind::Unknown);
+}
+
+TEST(TypeSignature, ValidatesAndSplitsText) {
+  EXPECT_TRUE(ka::Signature("{s[(il)]}").isValid());
+  EXPECT_TRUE(ka::Signature("()").isValid());
+  EXPECT_FALSE(ka::Signature("").isValid());
+  EXPECT_FALSE(ka::Signature("[i").isValid());
+  EXPECT_FALSE(ka::Signature("{s}").isValid());
+  EXPECT_FALSE(ka::Signature("ii").isValid());
+  EXPECT_FALSE(ka::Signature("q").isValid());
+  const auto children = ka::Signature("(i[s]{sm})").children();
+  ASSERT_EQ(children.size(), 3u);
+  EXPECT_EQ(children[1].toString(), "[s]");
+  EXPECT_EQ(children[2].toString(), "{sm}");
+}
+
+TEST(ValueSignature, ResolvesDynamicValuesToTheirContent) {
+  const ka::AnyValue dyn = ka::AnyValue::make(ka::AnyValue(42));
+  EXPECT_EQ(dyn.signature().toString(), "m");
+  EXPECT_EQ(dyn.signature(true).toString(), "i");
+  const ka::AnyValue nested = ka::AnyValue::make(dyn);
+  EXPECT_EQ(nested.signature(true).toString(), "i");
+  const ka::AnyValue holdsNothing = ka::AnyValue::make(ka::AnyValue());
+  EXPECT_EQ(holdsNothing.signature(true).toString(), "");
+  EXPECT_EQ(ka::AnyValue(std::string("x")).signature(true).toString(), "s");
+}
+
+TEST(ValueKinds, MatchTheHeldType) {
+  EXPECT_EQ(ka::AnyValue(1).kind(), ka::TypeKind::Int);
+  EXPECT_EQ(ka::AnyValue(true).kind(), ka::TypeKind::Int);
+  EXPECT_EQ(ka::AnyValue(1.5).kind(), ka::TypeKind::Float);
+  EXPECT_EQ(ka::AnyValue("text").kind(), ka::TypeKind::String);
+  EXPECT_EQ(ka::AnyValue(std::vector<int>{1}).kind(), ka::TypeKind::List);
+  EXPECT_EQ((ka::AnyValue(std::map<std::string, int>{})).kind(), ka::TypeKind::Map);
+  EXPECT_EQ(ka::AnyValue(std::make_tuple(1, 2)).kind(), ka::TypeKind::Tuple);
+  EXPECT_EQ(ka::AnyValue::make(ka::AnyValue(1)).kind(), ka::TypeKind::Dynamic);
+}
+
+TEST(ValueKinds, InvalidValueRefusesToAnswerItsKind) {
+  const ka::AnyValue empty;
+  EXPECT_FALSE(empty.isValid());
+  EXPECT_EQ(empty.signature().toString(), "");
+  try {
+    (void)empty.kind();
+    FAIL() << "kind() of an invalid value must throw";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "Can't take the kind of an invalid value");
+  }
+}
+
+TEST(VoidValue, IsValidTypedAndDistinctFromTheEmptyValue) {
+  const ka::AnyValue v = ka::AnyValue::makeVoid();
+  EXPECT_TRUE(v.isValid());
+  EXPECT_EQ(v.kind(), ka::TypeKind::Void);
+  EXPECT_EQ(v.signature().toString(), "v");
+  EXPECT_NE(v.rawValue(), nullptr);
+  EXPECT_NE(v, ka::AnyValue());
+  const ka::AnyValue copy = v;
+  EXPECT_EQ(copy, v);
+  EXPECT_NE(copy.rawValue(), v.rawValue()) << "a copy owns storage of its own";
+}
+
+TEST(ValueCopy, IsDeepAndIndependent) {
+  ka::AnyValue a(std::vector<std::string>{"x", "y"});
+  ka::AnyValue b = a;
+  static_cast<std::vector<std::string>*>(b.rawValue())->push_back("z");
+  EXPECT_EQ(a.size(), 2u);
+  EXPECT_EQ(b.size(), 3u);
+  ka::AnyValue moved = std::move(b);
+  EXPECT_FALSE(b.isValid());  // NOLINT(bugprone-use-after-move): moved-from is empty by contract
+  EXPECT_EQ(moved.size(), 3u);
+}
+
+TEST(IntConversion, SucceedsWithinRange) {
+  EXPECT_EQ(ka::AnyValue(std::int64_t{2147483647}).to<int>(), 2147483647);
+  EXPECT_EQ(ka::AnyValue(std::int64_t{-2147483648LL}).to<int>(), -2147483647 - 1);
+  EXPECT_EQ(ka::AnyValue(255).to<std::uint8_t>(), 255);
+  EXPECT_EQ(ka::AnyValue(std::numeric_limits<std::uint64_t>::max()).to<std::uint64_t>(),
+            std::numeric_limits<std::uint64_t>::max());
+  EXPECT_EQ(ka::AnyValue(-5).to<std::int64_t>(), -5);
+}
+
+TEST(IntConversion, FailsOutOfRangeNamingBothSignatures) {
+  try {
+    ka::AnyValue(std::int64_t{5000000000}).to<int>();
+    FAIL() << "5000000000 does not fit in 32 bits";
+  } catch (const ka::ConversionError& e) {
+    EXPECT_EQ(e.from(), "l");
+    EXPECT_EQ(e.to(), "i");
+    EXPECT_NE(std::string(e.what()).find("5000000000"), std::string::npos) << e.what();
+  }
+  EXPECT_THROW(ka::AnyValue(-1).to<unsigned>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(256).to<std::uint8_t>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(std::numeric_limits<std::uint64_t>::max()).to<std::int64_t>(),
+               ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(-129).to<std::int8_t>(), ka::ConversionError);
+}
+
+TEST(BoolConversion, GoesToAndFromIntegersZeroAndOneOnly) {
+  EXPECT_EQ(ka::AnyValue(true).to<int>(), 1);
+  EXPECT_EQ(ka::AnyValue(false).to<std::int64_t>(), 0);
+  EXPECT_TRUE(ka::AnyValue(1).to<bool>());
+  EXPECT_FALSE(ka::AnyValue(0).to<bool>());
+  EXPECT_THROW(ka::AnyValue(2).to<bool>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(-1).to<bool>(), ka::ConversionError);
+}
+
+TEST(FloatConversion, ConvertsIntegralValuesAndRefusesLoss) {
+  EXPECT_EQ(ka::AnyValue(3.0).to<int>(), 3);
+  EXPECT_DOUBLE_EQ(ka::AnyValue(7).to<double>(), 7.0);
+  EXPECT_FLOAT_EQ(ka::AnyValue(2.5).to<float>(), 2.5f);
+  EXPECT_THROW(ka::AnyValue(3.5).to<int>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(1e10).to<int>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(9.3e18).to<std::int64_t>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(std::numeric_limits<double>::quiet_NaN()).to<int>(),
+               ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(1e300).to<float>(), ka::ConversionError);
+}
+
+TEST(StringConversion, OnlyToAndFromStrings) {
+  EXPECT_EQ(ka::AnyValue("abc").to<std::string>(), "abc");
+  EXPECT_THROW(ka::AnyValue("42").to<int>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(42).to<std::string>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(true).to<std::string>(), ka::ConversionError);
+  const std::string withNul("a\0b", 3);
+  EXPECT_EQ(ka::AnyValue(withNul).to<std::string>(), withNul);
+}
+
+TEST(ContainerConversion, ConvertsElementWise) {
+  const ka::AnyValue longs(std::vector<std::int64_t>{1, 2, 3});
+  EXPECT_EQ(longs.to<std::vector<int>>(), (std::vector<int>{1, 2, 3}));
+  const ka::AnyValue m(std::map<std::string, int>{{"a", 1}, {"b", 2}});
+  const auto asDouble = m.to<std::map<std::string, double>>();
+  EXPECT_DOUBLE_EQ(asDouble.at("b"), 2.0);
+  const ka::AnyValue t(std::make_tuple(std::int64_t{7}, std::string("x")));
+  EXPECT_EQ((t.to<std::tuple<int, std::string>>()), std::make_tuple(7, std::string("x")));
+}
+
+TEST(ContainerConversion, FailsWhenOneElementFails) {
+  const ka::AnyValue longs(std::vector<std::int64_t>{1, 5000000000});
+  EXPECT_THROW(longs.to<std::vector<int>>(), ka::ConversionError);
+  const ka::AnyValue t(std::make_tuple(1, 2));
+  EXPECT_THROW((t.to<std::tuple<int, int, int>>()), ka::ConversionError);
+  EXPECT_THROW((ka::AnyValue(std::vector<int>{1}).to<std::map<int, int>>()), ka::ConversionError);
+}
+
+TEST(DynamicConversion, WrapsAndUnwraps) {
+  const ka::AnyValue wrapped = ka::AnyValue(5).to<ka::AnyValue>();
+  EXPECT_EQ(wrapped.signature().toString(), "i");
+  const ka::AnyValue dyn = ka::AnyValue::make(ka::AnyValue(std::int64_t{9}));
+  EXPECT_EQ(dyn.to<int>(), 9);
+  EXPECT_EQ(dyn.to<ka::AnyValue>().signature().toString(), "l");
+  const ka::AnyValue holdsNothing = ka::AnyValue::make(ka::AnyValue());
+  EXPECT_FALSE(holdsNothing.to<ka::AnyValue>().isValid());
+  EXPECT_THROW(holdsNothing.to<int>(), ka::ConversionError);
+  const ka::AnyValue list(std::vector<ka::AnyValue>{ka::AnyValue(1), ka::AnyValue(2)});
+  EXPECT_EQ(list.to<std::vector<int>>(), (std::vector<int>{1, 2}));
+}
+
+TEST(InvalidConversion, FailsClearly) {
+  EXPECT_THROW(ka::AnyValue().to<int>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue::makeVoid().to<int>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(Opaque{}).to<int>(), ka::ConversionError);
+}
+
+TEST(Int64Read, ReadsIntegerContentDirectly) {
+  EXPECT_EQ(ka::AnyValue(std::int64_t{5000000000}).toInt64(), 5000000000);
+  EXPECT_EQ(ka::AnyValue(std::uint8_t{200}).toInt64(), 200);
+  EXPECT_EQ(ka::AnyValue(true).toInt64(), 1);
+  EXPECT_EQ(ka::AnyValue(4.0).toInt64(), 4);
+  EXPECT_THROW(ka::AnyValue(std::numeric_limits<std::uint64_t>::max()).toInt64(),
+               ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue("1").toInt64(), ka::ConversionError);
+}
+
+TEST(ValueEquality, ComparesStructurally) {
+  EXPECT_EQ(ka::AnyValue(std::vector<int>{1, 2}), ka::AnyValue(std::vector<int>{1, 2}));
+  EXPECT_NE(ka::AnyValue(std::vector<int>{1, 2}), ka::AnyValue(std::vector<int>{2, 1}));
+  EXPECT_NE(ka::AnyValue(1), ka::AnyValue(std::int64_t{1})) << "different types are not equal";
+  EXPECT_EQ(ka::AnyValue::make(ka::AnyValue("a")), ka::AnyValue("a"));
+}
+
+TEST(ValueAccess, IndexesListsTuplesAndMaps) {
+  const ka::AnyValue t(std::make_tuple(1, std::string("two")));
+  EXPECT_EQ(t[1].toString(), "two");
+  EXPECT_THROW(t[2], std::out_of_range);
+  const ka::AnyValue m(std::map<std::string, int>{{"k", 3}});
+  const auto entries = m.mapEntries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].first.toString(), "k");
+  EXPECT_EQ(entries[0].second.toInt64(), 3);
+  EXPECT_THROW(ka::AnyValue(1).size(), std::runtime_error);
+}
+
+}  // namespace
