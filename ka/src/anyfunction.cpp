@@ -1,6 +1,5 @@
 #include <ka/anyfunction.hpp>
 
-#include <optional>
 
 namespace ka {
 
@@ -31,43 +30,50 @@ Signature AnyFunction::resultSignature() const {
   return _impl ? _impl->result->signature() : Signature();
 }
 
+namespace detail {
+
+PreparedArguments::PreparedArguments(const std::vector<const TypeInterface*>& parameters,
+                                     const AnyReferenceVector& args) {
+  if (args.size() != parameters.size()) {
+    throw ArgumentError("Wrong number of arguments: expected " +
+                        std::to_string(parameters.size()) + ", got " +
+                        std::to_string(args.size()));
+  }
+  _pointers.resize(parameters.size() + 1, nullptr);
+  for (std::size_t i = 0; i < parameters.size(); ++i) {
+    if (sameType(args[i].type(), parameters[i])) {
+      _pointers[i] = args[i].rawValue();
+      continue;
+    }
+    try {
+      if (_converted.capacity() == 0) {
+        _converted.reserve(parameters.size());
+      }
+      _converted.push_back(args[i].convert(parameters[i]));
+    } catch (const std::exception& e) {
+      throw ArgumentError("Cannot convert argument " + std::to_string(i + 1) + " from '" +
+                          args[i].signature().toString() + "' to '" +
+                          parameters[i]->signature().toString() + "': " + e.what());
+    }
+    _pointers[i] = _converted.back().rawValue();
+  }
+}
+
+}  // namespace detail
+
 AnyValue AnyFunction::call(const AnyReferenceVector& args) const {
   if (!_impl) {
     throw std::runtime_error("Call of an empty AnyFunction");
   }
-  const auto& params = _impl->parameters;
-  if (args.size() != params.size()) {
-    throw ArgumentError("Wrong number of arguments: expected " + std::to_string(params.size()) +
-                        ", got " + std::to_string(args.size()));
+  const detail::PreparedArguments prepared(_impl->parameters, args);
+  return _impl->invoker(prepared.pointers());
+}
+
+AnyValue AnyFunction::callPrepared(void* const* args) const {
+  if (!_impl) {
+    throw std::runtime_error("Call of an empty AnyFunction");
   }
-  constexpr std::size_t kInline = 8;
-  void* inlinePtrs[kInline];
-  std::vector<void*> heapPtrs;
-  void** ptrs = inlinePtrs;
-  if (params.size() > kInline) {
-    heapPtrs.resize(params.size());
-    ptrs = heapPtrs.data();
-  }
-  // Converted arguments live here until the call returns.
-  std::vector<AnyValue> converted;
-  for (std::size_t i = 0; i < params.size(); ++i) {
-    if (sameType(args[i].type(), params[i])) {
-      ptrs[i] = args[i].rawValue();
-      continue;
-    }
-    try {
-      if (converted.capacity() == 0) {
-        converted.reserve(params.size());
-      }
-      converted.push_back(args[i].convert(params[i]));
-    } catch (const std::exception& e) {
-      throw ArgumentError("Cannot convert argument " + std::to_string(i + 1) + " from '" +
-                          args[i].signature().toString() + "' to '" +
-                          params[i]->signature().toString() + "': " + e.what());
-    }
-    ptrs[i] = converted.back().rawValue();
-  }
-  return _impl->invoker(ptrs);
+  return _impl->invoker(args);
 }
 
 }  // namespace ka

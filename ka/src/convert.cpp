@@ -236,6 +236,13 @@ AnyValue convertImpl(const AnyReference& src, const TypeInterface* to) {
       }
       break;
     case TypeKind::Object:
+      if (from->kind() == TypeKind::Object) {
+        Storage out(to);
+        static_cast<const ObjectTypeInterface*>(to)->setObject(
+            out.get(), static_cast<const ObjectTypeInterface*>(from)->object(storage));
+        return out.release();
+      }
+      break;
     case TypeKind::Dynamic:
     case TypeKind::Unknown:
       break;

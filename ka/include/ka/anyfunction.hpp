@@ -49,6 +49,21 @@ struct FunctionTraits<std::function<R(A...)>> : FunctionTraits<R(A...)> {};
 // Calls `f` with arguments whose storage has already the exact parameter types.
 using Invoker = std::function<AnyValue(void* const* args)>;
 
+// Argument storage ready for an invoker: pointers to arguments of exactly the
+// parameter types, borrowing the caller's storage where the types already match and
+// owning converted copies otherwise.
+class KA_API PreparedArguments {
+ public:
+  // Throws ArgumentError for a wrong count or an argument that does not convert.
+  PreparedArguments(const std::vector<const TypeInterface*>& parameters,
+                    const AnyReferenceVector& args);
+  void* const* pointers() const { return _pointers.data(); }
+
+ private:
+  std::vector<void*> _pointers;
+  std::vector<AnyValue> _converted;
+};
+
 template <typename R, typename F, typename... A, std::size_t... I>
 AnyValue invokeWith(F& f, void* const* args, std::index_sequence<I...>) {
   if constexpr (std::is_void<R>::value) {
@@ -125,6 +140,9 @@ class KA_API AnyFunction {
   // match) and calls. Throws ArgumentError for a wrong count or a failed conversion;
   // exceptions of the callable pass through. A void callable answers the void value.
   AnyValue call(const AnyReferenceVector& args) const;
+
+  // Calls with arguments already of the exact parameter types.
+  AnyValue callPrepared(void* const* args) const;
 
   template <typename... A>
   AnyValue operator()(const A&... args) const {

@@ -5,6 +5,8 @@
 #include <ka/api.hpp>
 #include <ka/signature.hpp>
 
+#include <boost/shared_ptr.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -16,6 +18,7 @@
 namespace ka {
 
 class AnyReference;
+class GenericObject;
 
 enum class TypeKind { Void, Int, Float, String, List, Map, Tuple, Dynamic, Object, Unknown };
 
@@ -124,6 +127,8 @@ class KA_API ObjectTypeInterface : public TypeInterface {
   TypeKind kind() const override { return TypeKind::Object; }
   // An opaque identity of the referred object (nullptr for a null handle).
   virtual const void* identity(const void* storage) const = 0;
+  virtual boost::shared_ptr<GenericObject> object(const void* storage) const = 0;
+  virtual void setObject(void* storage, boost::shared_ptr<GenericObject> object) const = 0;
 };
 
 }  // namespace ka

@@ -1,0 +1,70 @@
+#pragma once
+// Sessions: where services are published by name and looked up. Every session
+// answers the service "ServiceDirectory", whose signals "serviceAdded" and
+// "serviceRemoved" (int service id, string name) follow each registration.
+
+#include <ka/api.hpp>
+#include <ka/future.hpp>
+#include <ka/object.hpp>
+
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace ka {
+
+struct KA_API ServiceInfo {
+  std::string name;
+  unsigned int serviceId = 0;
+};
+
+namespace detail {
+class ServiceDirectory;
+}
+
+class KA_API Session : public boost::enable_shared_from_this<Session> {
+ public:
+  // The name and id under which every directory lists itself.
+  static constexpr const char* kDirectoryName = "ServiceDirectory";
+  static constexpr unsigned int kDirectoryId = 1;
+
+  explicit Session(boost::shared_ptr<detail::ServiceDirectory> directory);
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+  // Closes the session.
+  ~Session();
+
+  // The object registered under `name` ("ServiceDirectory" included). Fails with
+  // "Cannot find service \"<name>\"" when none is. An empty protocol accepts any way
+  // of reaching the service; in-process sessions accept only that.
+  Future<AnyObject> service(const std::string& name, const std::string& protocol = "");
+  Future<std::vector<ServiceInfo>> services();
+  // Publishes `object` under `name`; fails when the name is empty or taken, or the
+  // object is null. The service belongs to this session and goes when it closes.
+  Future<unsigned int> registerService(const std::string& name, AnyObject object);
+  Future<void> unregisterService(unsigned int serviceId);
+
+  // Unregisters this session's services; afterwards every call fails.
+  void close();
+  bool isConnected() const;
+
+ private:
+  friend KA_API boost::shared_ptr<Session> makeSession(const boost::shared_ptr<Session>& peer);
+
+  const boost::shared_ptr<detail::ServiceDirectory> _directory;
+  struct State;
+  const std::unique_ptr<State> _state;
+};
+
+using SessionPtr = boost::shared_ptr<Session>;
+
+// A session with a directory of its own.
+KA_API SessionPtr makeSession();
+// Another session on the same directory as `peer`: both see the same services, and
+// each owns what it registered.
+KA_API SessionPtr makeSession(const SessionPtr& peer);
+
+}  // namespace ka

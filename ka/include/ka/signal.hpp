@@ -1,0 +1,99 @@
+#pragma once
+// Signals: typed emitters with any number of subscribers, each delivered directly or
+// queued on the event loop.
+
+#include <ka/anyfunction.hpp>
+#include <ka/anyvalue.hpp>
+#include <ka/api.hpp>
+#include <ka/metacalltype.hpp>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace ka {
+
+// What to call when a signal fires, and how.
+class KA_API SignalSubscriber {
+ public:
+  SignalSubscriber() = default;
+  explicit SignalSubscriber(AnyFunction function, MetaCallType callType = MetaCallType::Auto)
+      : _function(std::move(function)), _callType(callType) {}
+
+  const AnyFunction& function() const { return _function; }
+  MetaCallType callType() const { return _callType; }
+  bool isValid() const { return _function.isValid(); }
+
+ private:
+  AnyFunction _function;
+  MetaCallType _callType = MetaCallType::Auto;
+};
+
+namespace detail {
+struct SubscriberEntry;
+}
+
+// The type-independent part of a signal. Thread-safe: connect, disconnect and trigger
+// may run concurrently; no lock is held while a subscriber runs.
+class KA_API SignalBase {
+ public:
+  // Told true when the first subscriber connects and false when the last leaves.
+  using OnSubscribers = std::function<void(bool hasSubscribers)>;
+
+  SignalBase(std::vector<const TypeInterface*> argumentTypes, OnSubscribers onSubscribers = {});
+  SignalBase(const SignalBase&) = delete;
+  SignalBase& operator=(const SignalBase&) = delete;
+  // Disconnects everything (see disconnect for the guarantee).
+  virtual ~SignalBase();
+
+  // The argument list as a tuple signature, e.g. "(is)".
+  Signature signature() const;
+  const std::vector<const TypeInterface*>& argumentTypes() const { return _argumentTypes; }
+
+  // Throws std::invalid_argument for an invalid subscriber.
+  [[nodiscard]] SignalLink connect(const SignalSubscriber& subscriber);
+  // After it returns the subscriber is never called again, and no call of it is still
+  // running on another thread (a subscriber may disconnect itself). False for an
+  // unknown link.
+  bool disconnect(SignalLink link);
+  void disconnectAll();
+  bool hasSubscribers() const;
+
+  // Converts the arguments to the signal's types (ArgumentError to the emitter when they
+  // do not fit), then delivers. A subscriber's call type wins over `callType`; Auto
+  // everywhere means direct delivery. A subscriber that throws is logged; the others
+  // still run and the emitter sees nothing.
+  void trigger(const AnyReferenceVector& args, MetaCallType callType = MetaCallType::Auto);
+
+ private:
+  const std::vector<const TypeInterface*> _argumentTypes;
+  const OnSubscribers _onSubscribers;
+  mutable std::mutex _mutex;
+  // Guarded by _mutex.
+  std::map<SignalLink, std::shared_ptr<detail::SubscriberEntry>> _subscribers;
+};
+
+template <typename... T>
+class Signal : public SignalBase {
+ public:
+  explicit Signal(OnSubscribers onSubscribers = {})
+      : SignalBase(staticArgumentTypes(), std::move(onSubscribers)) {}
+
+  static std::vector<const TypeInterface*> staticArgumentTypes() { return {typeOf<T>()...}; }
+
+  using SignalBase::connect;
+  // Connects any callable taking the signal's arguments.
+  template <typename F, typename = std::enable_if_t<!std::is_base_of<
+                            SignalSubscriber, std::decay_t<F>>::value>>
+  [[nodiscard]] SignalLink connect(F&& f, MetaCallType callType = MetaCallType::Auto) {
+    return connect(SignalSubscriber(
+        AnyFunction::from<void(T...)>([fn = std::forward<F>(f)](const T&... a) { fn(a...); }),
+        callType));
+  }
+
+  void operator()(const T&... args) { trigger(AnyReferenceVector{AnyReference::from(args)...}); }
+};
+
+}  // namespace ka

@@ -1,0 +1,148 @@
+#include "localobject.hpp"
+
+#include <ka/eventloop.hpp>
+#include <ka/object.hpp>
+
+#include <boost/core/demangle.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <boost/make_shared.hpp>
+
+#include <map>
+#include <typeindex>
+#include <utility>
+
+namespace ka {
+namespace detail {
+
+LocalObject::LocalObject(ObjectTypePtr type, boost::shared_ptr<void> instance)
+    : _type(std::move(type)), _instance(std::move(instance)) {}
+
+LocalObject::~LocalObject() = default;
+
+AnyValue LocalObject::invoke(std::size_t index, const AnyReferenceVector& args) {
+  const MetaMethod& meta = _type->metaObject.methods()[index];
+  const PreparedArguments prepared(meta.parameterTypes, args);
+  if (_type->threadingModel == ObjectThreadingModel::SingleThread) {
+    std::lock_guard<std::recursive_mutex> lock(_callMutex);
+    return _type->methods[index].invoke(_instance.get(), prepared.pointers());
+  }
+  return _type->methods[index].invoke(_instance.get(), prepared.pointers());
+}
+
+Future<AnyValue> LocalObject::metaCall(unsigned int uid, const AnyReferenceVector& args,
+                                       MetaCallType callType) {
+  const MetaMethod* meta = _type->metaObject.method(uid);
+  if (meta == nullptr) {
+    return makeFutureError<AnyValue>("Method id " + std::to_string(uid) + " not found");
+  }
+  const std::size_t index = static_cast<std::size_t>(meta - _type->metaObject.methods().data());
+  MetaCallType effective = callType == MetaCallType::Auto ? _type->methods[index].callType : callType;
+  if (effective != MetaCallType::Queued) {
+    try {
+      return makeReadyFuture(invoke(index, args));
+    } catch (const std::exception& e) {
+      return makeFutureError<AnyValue>(e.what());
+    } catch (...) {
+      return makeFutureError<AnyValue>("Unknown exception in method \"" + meta->name + "\"");
+    }
+  }
+  // The queued call outlives the caller's argument storage and maybe the handle.
+  auto owned = std::make_shared<std::vector<AnyValue>>();
+  owned->reserve(args.size());
+  for (const auto& a : args) {
+    owned->emplace_back(a);
+  }
+  auto self = boost::static_pointer_cast<LocalObject>(shared_from_this());
+  return defaultEventLoop().async([self, index, owned] {
+    const AnyReferenceVector refs(owned->begin(), owned->end());
+    return self->invoke(index, refs);
+  });
+}
+
+SignalBase* LocalObject::signalAt(unsigned int signalUid) {
+  const MetaSignal* meta = _type->metaObject.signal(signalUid);
+  if (meta == nullptr) {
+    return nullptr;
+  }
+  const std::size_t index = static_cast<std::size_t>(meta - _type->metaObject.signals().data());
+  return _type->signals[index](_instance.get());
+}
+
+Future<SignalLink> LocalObject::metaConnect(unsigned int signalUid,
+                                            const SignalSubscriber& subscriber) {
+  SignalBase* signal = signalAt(signalUid);
+  if (signal == nullptr) {
+    return makeFutureError<SignalLink>("Signal id " + std::to_string(signalUid) + " not found");
+  }
+  try {
+    const SignalLink link = signal->connect(subscriber);
+    std::lock_guard<std::mutex> lock(_linksMutex);
+    _links.emplace(link, signal);
+    return makeReadyFuture(link);
+  } catch (const std::exception& e) {
+    return makeFutureError<SignalLink>(e.what());
+  }
+}
+
+Future<void> LocalObject::metaDisconnect(SignalLink link) {
+  SignalBase* signal = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(_linksMutex);
+    auto it = _links.find(link);
+    if (it != _links.end()) {
+      signal = it->second;
+      _links.erase(it);
+    }
+  }
+  if (signal == nullptr || !signal->disconnect(link)) {
+    return makeFutureError<void>("Unknown signal link " + std::to_string(link));
+  }
+  return makeReadyFuture();
+}
+
+void LocalObject::metaPost(unsigned int signalUid, const AnyReferenceVector& args) {
+  SignalBase* signal = signalAt(signalUid);
+  if (signal == nullptr) {
+    throw std::runtime_error("Signal id " + std::to_string(signalUid) + " not found");
+  }
+  signal->trigger(args);
+}
+
+void throwNullObject() { throw std::runtime_error("This object is null"); }
+
+boost::shared_ptr<GenericObject> objectForInstance(const boost::shared_ptr<void>& instance,
+                                                   const std::type_info& info) {
+  if (!instance) {
+    throw std::runtime_error("Cannot make an object of a null " + boost::core::demangle(info.name()));
+  }
+  ObjectTypePtr type = findType(info);
+  if (!type) {
+    throw std::runtime_error("Type " + boost::core::demangle(info.name()) +
+                             " is not registered with the middleware");
+  }
+  // One object per live instance, so that every handle to it shares the same call
+  // serialisation and identity.
+  static std::mutex cacheMutex;
+  // Guarded by cacheMutex.
+  static std::map<std::pair<const void*, std::type_index>, boost::weak_ptr<GenericObject>> cache;
+  const auto key = std::make_pair(static_cast<const void*>(instance.get()), std::type_index(info));
+  std::lock_guard<std::mutex> lock(cacheMutex);
+  auto it = cache.find(key);
+  if (it != cache.end()) {
+    if (auto existing = it->second.lock()) {
+      return existing;
+    }
+  }
+  if (cache.size() > 64) {
+    for (auto e = cache.begin(); e != cache.end();) {
+      e = e->second.expired() ? cache.erase(e) : std::next(e);
+    }
+  }
+  boost::shared_ptr<GenericObject> object = boost::make_shared<LocalObject>(type, instance);
+  cache[key] = object;
+  return object;
+}
+
+}  // namespace detail
+}  // namespace ka

@@ -1,0 +1,133 @@
+#include <ka/anyfunction.hpp>
+#include <ka/metaobject.hpp>
+
+namespace ka {
+
+Signature MetaMethod::parametersSignature() const { return tupleSignature(parameterTypes); }
+
+Signature MetaMethod::returnSignature() const {
+  return returnType != nullptr ? returnType->signature() : Signature();
+}
+
+std::string MetaMethod::toString() const {
+  return name + parametersSignature().toString() + " -> " + returnSignature().toString();
+}
+
+Signature MetaSignal::signature() const { return tupleSignature(argumentTypes); }
+
+MetaObject::MetaObject(std::vector<MetaMethod> methods, std::vector<MetaSignal> signals)
+    : _methods(std::move(methods)), _signals(std::move(signals)) {
+  for (std::size_t i = 0; i < _methods.size(); ++i) {
+    _methodIndex[_methods[i].uid] = i;
+  }
+  for (std::size_t i = 0; i < _signals.size(); ++i) {
+    _signalIndex[_signals[i].uid] = i;
+  }
+}
+
+const MetaMethod* MetaObject::method(unsigned int uid) const {
+  auto it = _methodIndex.find(uid);
+  return it == _methodIndex.end() ? nullptr : &_methods[it->second];
+}
+
+const MetaSignal* MetaObject::signal(unsigned int uid) const {
+  auto it = _signalIndex.find(uid);
+  return it == _signalIndex.end() ? nullptr : &_signals[it->second];
+}
+
+const MetaSignal* MetaObject::signal(const std::string& name) const {
+  for (const auto& s : _signals) {
+    if (s.name == name) {
+      return &s;
+    }
+  }
+  return nullptr;
+}
+
+std::vector<const MetaMethod*> MetaObject::methodsNamed(const std::string& name) const {
+  std::vector<const MetaMethod*> out;
+  for (const auto& m : _methods) {
+    if (m.name == name) {
+      out.push_back(&m);
+    }
+  }
+  return out;
+}
+
+namespace {
+
+// How well the arguments fit a parameter list: 0 exact, 1 exact but for dynamic
+// parameters, 2 by conversion, 3 not at all.
+int fitness(const MetaMethod& m, const AnyReferenceVector& args) {
+  if (m.parameterTypes.size() != args.size()) {
+    return 3;
+  }
+  int tier = 0;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const TypeInterface* p = m.parameterTypes[i];
+    const Signature argSig = args[i].signature(true);
+    if (argSig == p->signature()) {
+      continue;
+    }
+    if (p->kind() == TypeKind::Dynamic) {
+      tier = std::max(tier, 1);
+      continue;
+    }
+    try {
+      (void)args[i].convert(p);
+    } catch (const std::exception&) {
+      return 3;
+    }
+    tier = 2;
+  }
+  return tier;
+}
+
+std::string describeArguments(const AnyReferenceVector& args) {
+  std::string text = "(";
+  for (const auto& a : args) {
+    const std::string s = a.signature(true).toString();
+    text += s.empty() ? "<invalid>" : s;
+  }
+  return text + ")";
+}
+
+std::string listCandidates(const std::vector<const MetaMethod*>& candidates) {
+  std::string text;
+  for (const MetaMethod* m : candidates) {
+    text += (text.empty() ? "" : ", ") + m->name + m->parametersSignature().toString();
+  }
+  return text;
+}
+
+}  // namespace
+
+const MetaMethod& MetaObject::resolve(const std::string& name,
+                                      const AnyReferenceVector& args) const {
+  const auto candidates = methodsNamed(name);
+  if (candidates.empty()) {
+    throw MethodResolutionError("Method \"" + name + "\" not found");
+  }
+  std::vector<const MetaMethod*> tiers[3];
+  for (const MetaMethod* m : candidates) {
+    const int f = fitness(*m, args);
+    if (f < 3) {
+      tiers[f].push_back(m);
+    }
+  }
+  for (const auto& tier : tiers) {
+    if (tier.size() == 1) {
+      return *tier.front();
+    }
+    if (tier.size() > 1) {
+      throw MethodResolutionError("Ambiguous call of \"" + name + "\" with arguments " +
+                                  describeArguments(args) +
+                                  "; candidates: " + listCandidates(tier));
+    }
+  }
+  throw MethodResolutionError("No overload of \"" + name + "\" accepts arguments " +
+                              describeArguments(args) +
+                              "; candidates: " + listCandidates(candidates));
+}
+
+}  // namespace ka

@@ -1,0 +1,284 @@
+#include <ka/dynamicobjectbuilder.hpp>
+#include <ka/object.hpp>
+#include <ka/objecttypebuilder.hpp>
+#include <ka/session.hpp>
+
+#include <gtest/gtest.h>
+
+#include <boost/make_shared.hpp>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int kWaitMs = 10000;
+
+// A class published through the type builder, with overloads that differ only in
+// parameter order.
+class Calculator {
+ public:
+  std::string describe(const std::string& s, int i) const { return "si:" + s + std::to_string(i); }
+  std::string describe(int i, const std::string& s) const { return "is:" + std::to_string(i) + s; }
+  int twice(int v) const { return 2 * v; }
+  std::string twice(const std::string& s) const { return s + s; }
+  void fail() { throw std::runtime_error("calculator broke"); }
+  ka::AnyValue nothing() const { return ka::AnyValue(); }
+
+  ka::Signal<int, std::string> changed;
+};
+
+void registerCalculator() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    ka::ObjectTypeBuilder<Calculator> b;
+    b.buildFor(true);
+    b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+    b.advertiseMethod("describe", static_cast<std::string (Calculator::*)(const std::string&, int)
+                                                  const>(&Calculator::describe));
+    b.advertiseMethod("describe", static_cast<std::string (Calculator::*)(int, const std::string&)
+                                                  const>(&Calculator::describe));
+    b.advertiseMethod("twice", static_cast<int (Calculator::*)(int) const>(&Calculator::twice));
+    b.advertiseMethod("twice", static_cast<std::string (Calculator::*)(const std::string&) const>(
+                                   &Calculator::twice));
+    b.advertiseMethod("fail", &Calculator::fail);
+    b.advertiseMethod("nothing", &Calculator::nothing);
+    b.advertiseSignal("changed", &Calculator::changed);
+    b.registerType();
+  });
+}
+
+class PublishedObject : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    registerCalculator();
+    instance = boost::make_shared<Calculator>();
+    session = ka::makeSession();
+    session->registerService("Calculator", ka::makeObject(instance)).value(kWaitMs);
+    calc = session->service("Calculator").value(kWaitMs);
+  }
+  boost::shared_ptr<Calculator> instance;
+  ka::SessionPtr session;
+  ka::AnyObject calc;
+};
+
+TEST_F(PublishedObject, IsFoundByNameWithItsInterfaceInAdvertisingOrder) {
+  const auto& methods = calc->metaObject().methods();
+  ASSERT_EQ(methods.size(), 6u);
+  EXPECT_EQ(methods[0].name, "describe");
+  EXPECT_EQ(methods[0].parametersSignature().toString(), "(si)");
+  EXPECT_EQ(methods[1].parametersSignature().toString(), "(is)");
+  EXPECT_EQ(methods[5].returnSignature().toString(), "m");
+  ASSERT_EQ(calc->metaObject().signals().size(), 1u);
+  EXPECT_EQ(calc->metaObject().signals()[0].signature().toString(), "(is)");
+}
+
+TEST_F(PublishedObject, ChoosesTheOverloadWhoseParameterOrderMatches) {
+  EXPECT_EQ(calc->call<std::string>("describe", std::string("a"), 1), "si:a1");
+  EXPECT_EQ(calc->call<std::string>("describe", 2, std::string("b")), "is:2b");
+  EXPECT_EQ(calc->call<int>("twice", 21), 42);
+  EXPECT_EQ(calc->call<std::string>("twice", std::string("ab")), "abab");
+}
+
+TEST_F(PublishedObject, ConvertsA64BitArgumentThatFitsTheOnlyCandidate) {
+  EXPECT_EQ(calc->call<int>("twice", std::int64_t{5}), 10);
+  EXPECT_EQ(calc->call<std::string>("describe", std::int64_t{3}, std::string("x")), "is:3x");
+}
+
+TEST_F(PublishedObject, RefusesUnknownMethodsAndArgumentsThatFitNoOverload) {
+  try {
+    calc->call<int>("twice", 1.5);
+    FAIL() << "1.5 fits neither twice(int) nor twice(string)";
+  } catch (const std::exception& e) {
+    const std::string text = e.what();
+    EXPECT_NE(text.find("twice"), std::string::npos) << text;
+    EXPECT_NE(text.find("(i)"), std::string::npos) << text;
+    EXPECT_NE(text.find("(s)"), std::string::npos) << text;
+  }
+  EXPECT_THROW(calc->call<int>("missing"), std::runtime_error);
+  EXPECT_THROW(calc->call<int>("twice", 1, 2), std::runtime_error);
+}
+
+TEST_F(PublishedObject, ReportsAResultOfTheWrongTypeWithBothSignatures) {
+  try {
+    calc->call<int>("twice", std::string("x"));
+    FAIL() << "a string result is not an int";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "Unable to convert call result to target type: from s to i");
+  }
+}
+
+TEST_F(PublishedObject, PassesTheMethodsExceptionTextToTheCaller) {
+  try {
+    calc->call<void>("fail");
+    FAIL();
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "calculator broke");
+  }
+  EXPECT_EQ(calc->call<int>("twice", 1), 2) << "the object stays usable";
+}
+
+TEST_F(PublishedObject, ReturnsAnEmptyDynamicResultAsAnEmptyValue) {
+  EXPECT_FALSE(calc->call<ka::AnyValue>("nothing").isValid());
+}
+
+TEST_F(PublishedObject, AnswersAsynchronousCallsThroughFutures) {
+  ka::Future<int> f = calc->async<int>("twice", 4);
+  EXPECT_EQ(f.value(kWaitMs), 8);
+  ka::Future<int> bad = calc->async<int>("twice", std::string("x"));
+  EXPECT_TRUE(bad.hasError(kWaitMs));
+}
+
+TEST_F(PublishedObject, DeliversItsSignalToSubscribersConnectedByName) {
+  std::mutex m;
+  std::condition_variable cv;
+  std::vector<std::string> got;
+  const ka::SignalLink link =
+      calc->connect("changed", [&](int i, const std::string& s) {
+            std::lock_guard<std::mutex> lock(m);
+            got.push_back(std::to_string(i) + s);
+            cv.notify_all();
+          })
+          .value(kWaitMs);
+  instance->changed(1, "a");
+  calc->post("changed", 2, std::string("b"));
+  {
+    std::unique_lock<std::mutex> lock(m);
+    ASSERT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return got.size() == 2; }));
+  }
+  EXPECT_EQ(got, (std::vector<std::string>{"1a", "2b"}));
+  calc->disconnect(link).value(kWaitMs);
+  instance->changed(3, "c");
+  EXPECT_EQ(got.size(), 2u);
+  EXPECT_TRUE(calc->disconnect(link).hasError(kWaitMs)) << "a link goes only once";
+  EXPECT_TRUE(calc->connect("nope", [](int) {}).hasError(kWaitMs));
+}
+
+TEST_F(PublishedObject, KeepsOneIdentityPerInstance) {
+  EXPECT_EQ(ka::makeObject(instance), calc);
+}
+
+struct NeverRegistered {};
+
+TEST(ObjectHandle, MadeFromAnUnregisteredTypeFailsClearly) {
+  try {
+    ka::makeObject(boost::make_shared<NeverRegistered>());
+    FAIL();
+  } catch (const std::runtime_error& e) {
+    EXPECT_NE(std::string(e.what()).find("NeverRegistered"), std::string::npos) << e.what();
+    EXPECT_NE(std::string(e.what()).find("not registered"), std::string::npos) << e.what();
+  }
+}
+
+TEST(ObjectHandle, ThatHoldsNothingThrowsOnEveryUse) {
+  ka::AnyObject null;
+  for (auto use : std::vector<std::function<void()>>{
+           [&] { null->call<int>("x"); },
+           [&] { null->connect("s", ka::SignalSubscriber(ka::AnyFunction::from([] {}))); },
+           [&] { null->metaObject(); }}) {
+    try {
+      use();
+      FAIL();
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "This object is null");
+    }
+  }
+}
+
+// Counts how many calls are inside a method at once, and lets a test hold them there.
+class Gate {
+ public:
+  // Enters, then waits until `expected` calls are inside together or time runs out.
+  // Returns the largest number seen inside at once.
+  int enterAndWaitFor(int expected) {
+    std::unique_lock<std::mutex> lock(_m);
+    ++_inside;
+    _max = std::max(_max, _inside);
+    _cv.notify_all();
+    _cv.wait_for(lock, std::chrono::milliseconds(expected > 1 ? kWaitMs : 50),
+                 [&] { return _inside >= expected; });
+    const int seen = _max;
+    --_inside;
+    return seen;
+  }
+  int max() {
+    std::lock_guard<std::mutex> lock(_m);
+    return _max;
+  }
+
+ private:
+  std::mutex _m;
+  std::condition_variable _cv;
+  int _inside = 0;
+  int _max = 0;
+};
+
+ka::AnyObject gatedObject(Gate& gate, ka::ObjectThreadingModel model, int expected) {
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(model);
+  b.advertiseMethod("enter", [&gate, expected]() { return gate.enterAndWaitFor(expected); });
+  return b.object();
+}
+
+void callFromThreads(ka::AnyObject obj, int n) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < n; ++i) {
+    threads.emplace_back([obj] { obj->call<int>("enter"); });
+  }
+  for (auto& t : threads) {
+    t.join();
+  }
+}
+
+TEST(ThreadingModel, MultiThreadedObjectRunsCallsAtOnce) {
+  Gate gate;
+  callFromThreads(gatedObject(gate, ka::ObjectThreadingModel::MultiThread, 3), 3);
+  EXPECT_EQ(gate.max(), 3);
+}
+
+TEST(ThreadingModel, SingleThreadedObjectNeverRunsTwoCallsTogether) {
+  Gate gate;
+  // Each call lingers briefly hoping for company; with serialisation none arrives.
+  callFromThreads(gatedObject(gate, ka::ObjectThreadingModel::SingleThread, 1), 4);
+  EXPECT_EQ(gate.max(), 1);
+}
+
+TEST(ThreadingModel, SingleThreadedObjectMayCallItself) {
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::SingleThread);
+  auto self = std::make_shared<ka::AnyObject>();
+  b.advertiseMethod("inner", []() { return 1; });
+  b.advertiseMethod("outer", [self]() { return (*self)->call<int>("inner") + 1; });
+  *self = b.object();
+  EXPECT_EQ((*self)->call<int>("outer"), 2);
+  self->reset();
+}
+
+TEST(DynamicObject, ResolvesOverloadsOfLambdasAndRefusesDuplicateIds) {
+  ka::DynamicObjectBuilder b;
+  b.advertiseMethod("f", [](int) { return std::string("int"); });
+  b.advertiseMethod("f", [](const std::string&) { return std::string("string"); });
+  b.advertiseMethod("g", [](const ka::AnyValue& v) { return v.signature(true).toString(); }, ka::MetaCallType::Auto, 10);
+  EXPECT_THROW(b.advertiseMethod("h", []() {}, ka::MetaCallType::Auto, 10), std::logic_error);
+  ka::AnyObject o = b.object();
+  EXPECT_EQ(o->call<std::string>("f", 1), "int");
+  EXPECT_EQ(o->call<std::string>("f", std::string("x")), "string");
+  EXPECT_EQ(o->call<std::string>("g", std::vector<int>{1}), "[i]");
+  EXPECT_EQ(o->metaObject().methodsNamed("g").front()->uid, 10u);
+}
+
+TEST(DynamicObject, RunsQueuedMethodsOnTheEventLoop) {
+  ka::DynamicObjectBuilder b;
+  b.advertiseMethod("where", []() { return std::this_thread::get_id() != std::thread::id(); },
+                    ka::MetaCallType::Queued);
+  std::thread::id ran;
+  b.advertiseMethod("tid", [&ran]() { ran = std::this_thread::get_id(); }, ka::MetaCallType::Queued);
+  ka::AnyObject o = b.object();
+  o->call<void>("tid");
+  EXPECT_NE(ran, std::this_thread::get_id());
+}
+
+}  // namespace

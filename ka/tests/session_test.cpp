@@ -1,0 +1,188 @@
+#include <ka/dynamicobjectbuilder.hpp>
+#include <ka/session.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int kWaitMs = 10000;
+
+ka::AnyObject echoObject() {
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("echo", [](const std::string& s) { return s; });
+  return b.object();
+}
+
+// Records directory events in arrival order.
+struct DirectoryEvents {
+  std::mutex m;
+  std::condition_variable cv;
+  std::vector<std::string> events;
+
+  void attach(const ka::SessionPtr& session) {
+    ka::AnyObject dir = session->service("ServiceDirectory").value(kWaitMs);
+    dir->connect("serviceAdded", [this](int id, const std::string& name) {
+         record("+" + std::to_string(id) + name);
+       }).value(kWaitMs);
+    dir->connect("serviceRemoved", [this](int id, const std::string& name) {
+         record("-" + std::to_string(id) + name);
+       }).value(kWaitMs);
+  }
+  void record(const std::string& e) {
+    std::lock_guard<std::mutex> lock(m);
+    events.push_back(e);
+    cv.notify_all();
+  }
+  std::vector<std::string> waitFor(std::size_t n) {
+    std::unique_lock<std::mutex> lock(m);
+    cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return events.size() >= n; });
+    return events;
+  }
+};
+
+TEST(ServiceRegistry, PublishesLooksUpAndUnregistersByName) {
+  auto session = ka::makeSession();
+  const unsigned id = session->registerService("Echo", echoObject()).value(kWaitMs);
+  EXPECT_GT(id, ka::Session::kDirectoryId);
+  ka::AnyObject echo = session->service("Echo").value(kWaitMs);
+  EXPECT_EQ(echo->call<std::string>("echo", std::string("hi")), "hi");
+
+  const auto listed = session->services().value(kWaitMs);
+  ASSERT_EQ(listed.size(), 2u);
+  EXPECT_EQ(listed[0].name, "ServiceDirectory");
+  EXPECT_EQ(listed[1].name, "Echo");
+  EXPECT_EQ(listed[1].serviceId, id);
+
+  session->unregisterService(id).value(kWaitMs);
+  EXPECT_TRUE(session->service("Echo").hasError(kWaitMs));
+}
+
+TEST(ServiceRegistry, FailsLookupsOfUnknownNamesWithAClearMessage) {
+  auto session = ka::makeSession();
+  auto f = session->service("Nobody");
+  ASSERT_TRUE(f.hasError(kWaitMs));
+  EXPECT_EQ(f.error(kWaitMs), "Cannot find service \"Nobody\"");
+  EXPECT_THROW(f.value(kWaitMs), std::runtime_error);
+}
+
+TEST(ServiceRegistry, RefusesDuplicateEmptyAndNullRegistrations) {
+  auto session = ka::makeSession();
+  session->registerService("Echo", echoObject()).value(kWaitMs);
+  EXPECT_TRUE(session->registerService("Echo", echoObject()).hasError(kWaitMs));
+  EXPECT_TRUE(session->registerService("ServiceDirectory", echoObject()).hasError(kWaitMs));
+  EXPECT_TRUE(session->registerService("", echoObject()).hasError(kWaitMs));
+  EXPECT_TRUE(session->registerService("Null", ka::AnyObject()).hasError(kWaitMs));
+  EXPECT_TRUE(session->unregisterService(999).hasError(kWaitMs));
+}
+
+TEST(ServiceDirectorySignals, ArriveForEachRegistrationAndUnregistration) {
+  auto session = ka::makeSession();
+  DirectoryEvents events;
+  events.attach(session);
+  const unsigned a = session->registerService("A", echoObject()).value(kWaitMs);
+  const unsigned b = session->registerService("B", echoObject()).value(kWaitMs);
+  session->unregisterService(a).value(kWaitMs);
+  const auto got = events.waitFor(3);
+  EXPECT_EQ(got, (std::vector<std::string>{"+" + std::to_string(a) + "A",
+                                           "+" + std::to_string(b) + "B",
+                                           "-" + std::to_string(a) + "A"}));
+}
+
+TEST(ServiceDirectorySignals, ClosingASessionRemovesOnlyItsOwnServices) {
+  auto first = ka::makeSession();
+  auto second = ka::makeSession(first);
+  DirectoryEvents events;
+  events.attach(first);
+  first->registerService("Kept", echoObject()).value(kWaitMs);
+  const unsigned gone = second->registerService("Gone", echoObject()).value(kWaitMs);
+  EXPECT_TRUE(first->service("Gone").hasValue(kWaitMs)) << "sessions share their directory";
+  second->close();
+  EXPECT_FALSE(second->isConnected());
+  EXPECT_TRUE(second->service("Kept").hasError(kWaitMs));
+  const auto got = events.waitFor(3);
+  EXPECT_EQ(got.back(), "-" + std::to_string(gone) + "Gone");
+  EXPECT_TRUE(first->service("Kept").hasValue(kWaitMs));
+}
+
+TEST(ServiceDirectoryObject, ListsAndLooksUpServicesThroughItsMethods) {
+  auto session = ka::makeSession();
+  const unsigned id = session->registerService("Echo", echoObject()).value(kWaitMs);
+  ka::AnyObject dir = session->service("ServiceDirectory").value(kWaitMs);
+  const auto info = dir->call<std::tuple<std::string, unsigned>>("service", std::string("Echo"));
+  EXPECT_EQ(std::get<1>(info), id);
+  const auto all = dir->call<std::vector<std::tuple<std::string, unsigned>>>("services");
+  EXPECT_EQ(all.size(), 2u);
+  using Info = std::tuple<std::string, unsigned>;
+  EXPECT_THROW(dir->call<Info>("service", std::string("No")), std::runtime_error);
+}
+
+// The user information service looks services up from inside directory callbacks;
+// that must work whether the callback runs directly or queued on a busy loop.
+TEST(ServiceDirectoryCallbacks, MayLookUpAndCallServicesWithoutDeadlock) {
+  auto session = ka::makeSession();
+  ka::AnyObject dir = session->service("ServiceDirectory").value(kWaitMs);
+  std::mutex m;
+  std::condition_variable cv;
+  std::vector<std::string> answers;
+  auto lookUpAndCall = [&](int, const std::string& name) {
+    ka::AnyObject o = session->service(name).value(ka::FutureTimeout_Infinite);
+    const std::string a = o->async<std::string>("echo", name).value(ka::FutureTimeout_Infinite);
+    std::lock_guard<std::mutex> lock(m);
+    answers.push_back(a);
+    cv.notify_all();
+  };
+  dir->connect("serviceAdded", ka::SignalSubscriber(ka::AnyFunction::from(lookUpAndCall),
+                                                    ka::MetaCallType::Direct))
+      .value(kWaitMs);
+  dir->connect("serviceAdded", ka::SignalSubscriber(ka::AnyFunction::from(lookUpAndCall),
+                                                    ka::MetaCallType::Queued))
+      .value(kWaitMs);
+  // Register from several threads at once while the callbacks block on the loop.
+  std::vector<std::thread> threads;
+  const int n = 8;
+  for (int i = 0; i < n; ++i) {
+    threads.emplace_back([&, i] {
+      session->registerService("S" + std::to_string(i), echoObject()).value(kWaitMs);
+    });
+  }
+  for (auto& t : threads) {
+    t.join();
+  }
+  std::unique_lock<std::mutex> lock(m);
+  EXPECT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kWaitMs),
+                          [&] { return answers.size() == 2u * n; }))
+      << answers.size();
+}
+
+TEST(ServiceRegistry, SurvivesConcurrentRegistrationsLookupsAndCalls) {
+  auto session = ka::makeSession();
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 50; ++i) {
+        const std::string name = "T" + std::to_string(t) + "_" + std::to_string(i);
+        const unsigned id = session->registerService(name, echoObject()).value(kWaitMs);
+        ka::AnyObject o = session->service(name).value(kWaitMs);
+        if (o->call<std::string>("echo", name) != name) {
+          ++failures;
+        }
+        session->unregisterService(id).value(kWaitMs);
+      }
+    });
+  }
+  for (auto& th : threads) {
+    th.join();
+  }
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_EQ(session->services().value(kWaitMs).size(), 1u);
+}
+
+}  // namespace
