@@ -1,6 +1,5 @@
 #include <ka/anyfunction.hpp>
 
-
 namespace ka {
 
 Signature tupleSignature(const std::vector<const TypeInterface*>& types) {
@@ -13,7 +12,8 @@ Signature tupleSignature(const std::vector<const TypeInterface*>& types) {
 
 AnyFunction::AnyFunction(std::vector<const TypeInterface*> parameters, const TypeInterface* result,
                          detail::Invoker invoker)
-    : _impl(std::make_shared<const Impl>(Impl{std::move(parameters), result, std::move(invoker)})) {}
+    : _impl(std::make_shared<const Impl>(Impl{std::move(parameters), result, std::move(invoker)})) {
+}
 
 const std::vector<const TypeInterface*>& AnyFunction::parameterTypes() const {
   static const std::vector<const TypeInterface*> none;
@@ -24,7 +24,9 @@ const TypeInterface* AnyFunction::resultType() const {
   return _impl ? _impl->result : nullptr;
 }
 
-Signature AnyFunction::parametersSignature() const { return tupleSignature(parameterTypes()); }
+Signature AnyFunction::parametersSignature() const {
+  return tupleSignature(parameterTypes());
+}
 
 Signature AnyFunction::resultSignature() const {
   return _impl ? _impl->result->signature() : Signature();
@@ -35,9 +37,8 @@ namespace detail {
 PreparedArguments::PreparedArguments(const std::vector<const TypeInterface*>& parameters,
                                      const AnyReferenceVector& args) {
   if (args.size() != parameters.size()) {
-    throw ArgumentError("Wrong number of arguments: expected " +
-                        std::to_string(parameters.size()) + ", got " +
-                        std::to_string(args.size()));
+    throw ArgumentError("Wrong number of arguments: expected " + std::to_string(parameters.size()) +
+                        ", got " + std::to_string(args.size()));
   }
   _pointers.resize(parameters.size() + 1, nullptr);
   for (std::size_t i = 0; i < parameters.size(); ++i) {

@@ -40,7 +40,9 @@ AnyValue& AnyValue::operator=(AnyValue&& other) noexcept {
   return *this;
 }
 
-AnyValue::~AnyValue() { reset(); }
+AnyValue::~AnyValue() {
+  reset();
+}
 
 AnyValue::AnyValue(const AnyReference& ref) {
   if (ref.isValid()) {
@@ -116,7 +118,9 @@ std::int64_t AnyReference::toInt64() const {
   return to<std::int64_t>();
 }
 
-double AnyReference::toDouble() const { return to<double>(); }
+double AnyReference::toDouble() const {
+  return to<double>();
+}
 
 std::string AnyReference::toString() const {
   if (_type != nullptr && _type->kind() == TypeKind::String) {
@@ -125,7 +129,9 @@ std::string AnyReference::toString() const {
   return to<std::string>();
 }
 
-bool AnyReference::toBool() const { return to<bool>(); }
+bool AnyReference::toBool() const {
+  return to<bool>();
+}
 
 std::size_t AnyReference::size() const {
   switch (kind()) {
@@ -136,8 +142,7 @@ std::size_t AnyReference::size() const {
     case TypeKind::Tuple:
       return static_cast<const TupleTypeInterface*>(_type)->memberTypes().size();
     default:
-      throw std::runtime_error("Value of signature '" + signature().toString() +
-                               "' has no size");
+      throw std::runtime_error("Value of signature '" + signature().toString() + "' has no size");
   }
 }
 
@@ -155,8 +160,7 @@ AnyReference AnyReference::operator[](std::size_t index) const {
     const auto* t = static_cast<const TupleTypeInterface*>(_type);
     return AnyReference(t->memberTypes()[index], t->member(_storage, index));
   }
-  throw std::runtime_error("Value of signature '" + signature().toString() +
-                           "' cannot be indexed");
+  throw std::runtime_error("Value of signature '" + signature().toString() + "' cannot be indexed");
 }
 
 std::vector<std::pair<AnyReference, AnyReference>> AnyReference::mapEntries() const {

@@ -11,7 +11,9 @@
 namespace ka {
 namespace {
 
-const std::string& sig(const TypeInterface* t) { return t->signature().toString(); }
+const std::string& sig(const TypeInterface* t) {
+  return t->signature().toString();
+}
 
 [[noreturn]] void fail(const TypeInterface* from, const TypeInterface* to,
                        const std::string& reason) {
@@ -144,8 +146,7 @@ AnyValue listFromList(const ListTypeInterface* from, void* storage, const ListTy
 AnyValue mapFromMap(const MapTypeInterface* from, void* storage, const MapTypeInterface* to) {
   Storage out(to);
   from->forEach(storage, [&](const void* k, void* v) {
-    AnyValue key =
-        convertImpl(AnyReference(from->keyType(), const_cast<void*>(k)), to->keyType());
+    AnyValue key = convertImpl(AnyReference(from->keyType(), const_cast<void*>(k)), to->keyType());
     AnyValue value = convertImpl(AnyReference(from->elementType(), v), to->elementType());
     to->insert(out.get(), key.rawValue(), value.rawValue());
   });
@@ -247,8 +248,8 @@ AnyValue convertImpl(const AnyReference& src, const TypeInterface* to) {
     case TypeKind::Unknown:
       break;
   }
-  fail(from, to, std::string("no conversion from ") + toString(from->kind()) + " to " +
-                     toString(to->kind()));
+  fail(from, to,
+       std::string("no conversion from ") + toString(from->kind()) + " to " + toString(to->kind()));
 }
 
 }  // namespace

@@ -37,7 +37,8 @@ Future<AnyValue> LocalObject::metaCall(unsigned int uid, const AnyReferenceVecto
     return makeFutureError<AnyValue>("Method id " + std::to_string(uid) + " not found");
   }
   const std::size_t index = static_cast<std::size_t>(meta - _type->metaObject.methods().data());
-  MetaCallType effective = callType == MetaCallType::Auto ? _type->methods[index].callType : callType;
+  MetaCallType effective =
+      callType == MetaCallType::Auto ? _type->methods[index].callType : callType;
   if (effective != MetaCallType::Queued) {
     try {
       return makeReadyFuture(invoke(index, args));
@@ -109,12 +110,15 @@ void LocalObject::metaPost(unsigned int signalUid, const AnyReferenceVector& arg
   signal->trigger(args);
 }
 
-void throwNullObject() { throw std::runtime_error("This object is null"); }
+void throwNullObject() {
+  throw std::runtime_error("This object is null");
+}
 
 boost::shared_ptr<GenericObject> objectForInstance(const boost::shared_ptr<void>& instance,
                                                    const std::type_info& info) {
   if (!instance) {
-    throw std::runtime_error("Cannot make an object of a null " + boost::core::demangle(info.name()));
+    throw std::runtime_error("Cannot make an object of a null " +
+                             boost::core::demangle(info.name()));
   }
   ObjectTypePtr type = findType(info);
   if (!type) {

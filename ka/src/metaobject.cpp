@@ -3,7 +3,9 @@
 
 namespace ka {
 
-Signature MetaMethod::parametersSignature() const { return tupleSignature(parameterTypes); }
+Signature MetaMethod::parametersSignature() const {
+  return tupleSignature(parameterTypes);
+}
 
 Signature MetaMethod::returnSignature() const {
   return returnType != nullptr ? returnType->signature() : Signature();
@@ -13,7 +15,9 @@ std::string MetaMethod::toString() const {
   return name + parametersSignature().toString() + " -> " + returnSignature().toString();
 }
 
-Signature MetaSignal::signature() const { return tupleSignature(argumentTypes); }
+Signature MetaSignal::signature() const {
+  return tupleSignature(argumentTypes);
+}
 
 MetaObject::MetaObject(std::vector<MetaMethod> methods, std::vector<MetaSignal> signals)
     : _methods(std::move(methods)), _signals(std::move(signals)) {

@@ -57,7 +57,9 @@ Future<SignalLink> GenericObject::connect(const std::string& signalName,
   return metaConnect(signal->uid, subscriber);
 }
 
-Future<void> GenericObject::disconnect(SignalLink link) { return metaDisconnect(link); }
+Future<void> GenericObject::disconnect(SignalLink link) {
+  return metaDisconnect(link);
+}
 
 void GenericObject::postByName(const std::string& signalName, const AnyReferenceVector& args) {
   const MetaSignal* signal = metaObject().signal(signalName);

@@ -133,7 +133,9 @@ unsigned int ServiceDirectory::registerServiceMethod(const std::string& name,
   return registerService(name, object, 0);
 }
 
-void ServiceDirectory::unregisterServiceMethod(unsigned int id) { unregisterService(id); }
+void ServiceDirectory::unregisterServiceMethod(unsigned int id) {
+  unregisterService(id);
+}
 
 }  // namespace detail
 }  // namespace ka

@@ -20,7 +20,9 @@ struct Session::State {
 Session::Session(boost::shared_ptr<detail::ServiceDirectory> directory)
     : _directory(std::move(directory)), _state(std::make_unique<State>()) {}
 
-Session::~Session() { close(); }
+Session::~Session() {
+  close();
+}
 
 namespace {
 template <typename T>
@@ -81,7 +83,9 @@ void Session::close() {
   _directory->unregisterOwner(_state->id);
 }
 
-bool Session::isConnected() const { return !_state->closed; }
+bool Session::isConnected() const {
+  return !_state->closed;
+}
 
 SessionPtr makeSession() {
   return boost::make_shared<Session>(boost::make_shared<detail::ServiceDirectory>());

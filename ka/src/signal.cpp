@@ -67,13 +67,16 @@ namespace {
 std::atomic<SignalLink> nextLink{1};
 }
 
-SignalBase::SignalBase(std::vector<const TypeInterface*> argumentTypes,
-                       OnSubscribers onSubscribers)
+SignalBase::SignalBase(std::vector<const TypeInterface*> argumentTypes, OnSubscribers onSubscribers)
     : _argumentTypes(std::move(argumentTypes)), _onSubscribers(std::move(onSubscribers)) {}
 
-SignalBase::~SignalBase() { disconnectAll(); }
+SignalBase::~SignalBase() {
+  disconnectAll();
+}
 
-Signature SignalBase::signature() const { return tupleSignature(_argumentTypes); }
+Signature SignalBase::signature() const {
+  return tupleSignature(_argumentTypes);
+}
 
 SignalLink SignalBase::connect(const SignalSubscriber& subscriber) {
   if (!subscriber.isValid()) {

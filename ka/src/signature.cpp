@@ -50,7 +50,9 @@ std::size_t skipType(const std::string& s, std::size_t pos) {
 
 }  // namespace
 
-bool Signature::isValid() const { return !_text.empty() && skipType(_text, 0) == _text.size(); }
+bool Signature::isValid() const {
+  return !_text.empty() && skipType(_text, 0) == _text.size();
+}
 
 std::vector<Signature> Signature::children() const {
   std::vector<Signature> out;

@@ -1,7 +1,7 @@
 #include <ka/anyfunction.hpp>
 
-#include <boost/bind/bind.hpp>
 #include <gtest/gtest.h>
+#include <boost/bind/bind.hpp>
 
 #include <memory>
 #include <string>
@@ -9,7 +9,9 @@
 
 namespace {
 
-int addOne(int x) { return x + 1; }
+int addOne(int x) {
+  return x + 1;
+}
 
 struct Greeter {
   std::string prefix = "hello ";
@@ -37,8 +39,8 @@ TEST(AnyFunctionSignature, IsDeducedFromEveryKindOfCallable) {
 TEST(AnyFunctionCall, CallsAMemberBoundWithBoostBind) {
   auto g = std::make_shared<Greeter>();
   using namespace boost::placeholders;
-  const auto f = ka::AnyFunction::from<std::string(const std::string&)>(
-      boost::bind(&Greeter::greet, g, _1));
+  const auto f =
+      ka::AnyFunction::from<std::string(const std::string&)>(boost::bind(&Greeter::greet, g, _1));
   EXPECT_EQ(f(std::string("ann")).toString(), "hello ann");
   const auto m = ka::AnyFunction::fromMember(&Greeter::remember, g);
   m(7);

@@ -37,10 +37,12 @@ void registerCalculator() {
     ka::ObjectTypeBuilder<Calculator> b;
     b.buildFor(true);
     b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
-    b.advertiseMethod("describe", static_cast<std::string (Calculator::*)(const std::string&, int)
-                                                  const>(&Calculator::describe));
-    b.advertiseMethod("describe", static_cast<std::string (Calculator::*)(int, const std::string&)
-                                                  const>(&Calculator::describe));
+    b.advertiseMethod("describe",
+                      static_cast<std::string (Calculator::*)(const std::string&, int) const>(
+                          &Calculator::describe));
+    b.advertiseMethod("describe",
+                      static_cast<std::string (Calculator::*)(int, const std::string&) const>(
+                          &Calculator::describe));
     b.advertiseMethod("twice", static_cast<int (Calculator::*)(int) const>(&Calculator::twice));
     b.advertiseMethod("twice", static_cast<std::string (Calculator::*)(const std::string&) const>(
                                    &Calculator::twice));
@@ -136,18 +138,19 @@ TEST_F(PublishedObject, DeliversItsSignalToSubscribersConnectedByName) {
   std::mutex m;
   std::condition_variable cv;
   std::vector<std::string> got;
-  const ka::SignalLink link =
-      calc->connect("changed", [&](int i, const std::string& s) {
-            std::lock_guard<std::mutex> lock(m);
-            got.push_back(std::to_string(i) + s);
-            cv.notify_all();
-          })
-          .value(kWaitMs);
+  const ka::SignalLink link = calc->connect("changed",
+                                            [&](int i, const std::string& s) {
+                                              std::lock_guard<std::mutex> lock(m);
+                                              got.push_back(std::to_string(i) + s);
+                                              cv.notify_all();
+                                            })
+                                  .value(kWaitMs);
   instance->changed(1, "a");
   calc->post("changed", 2, std::string("b"));
   {
     std::unique_lock<std::mutex> lock(m);
-    ASSERT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return got.size() == 2; }));
+    ASSERT_TRUE(
+        cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return got.size() == 2; }));
   }
   EXPECT_EQ(got, (std::vector<std::string>{"1a", "2b"}));
   calc->disconnect(link).value(kWaitMs);
@@ -261,8 +264,12 @@ TEST(DynamicObject, ResolvesOverloadsOfLambdasAndRefusesDuplicateIds) {
   ka::DynamicObjectBuilder b;
   b.advertiseMethod("f", [](int) { return std::string("int"); });
   b.advertiseMethod("f", [](const std::string&) { return std::string("string"); });
-  b.advertiseMethod("g", [](const ka::AnyValue& v) { return v.signature(true).toString(); }, ka::MetaCallType::Auto, 10);
-  EXPECT_THROW(b.advertiseMethod("h", []() {}, ka::MetaCallType::Auto, 10), std::logic_error);
+  b.advertiseMethod(
+      "g", [](const ka::AnyValue& v) { return v.signature(true).toString(); },
+      ka::MetaCallType::Auto, 10);
+  EXPECT_THROW(b.advertiseMethod(
+                   "h", []() {}, ka::MetaCallType::Auto, 10),
+               std::logic_error);
   ka::AnyObject o = b.object();
   EXPECT_EQ(o->call<std::string>("f", 1), "int");
   EXPECT_EQ(o->call<std::string>("f", std::string("x")), "string");
@@ -272,10 +279,12 @@ TEST(DynamicObject, ResolvesOverloadsOfLambdasAndRefusesDuplicateIds) {
 
 TEST(DynamicObject, RunsQueuedMethodsOnTheEventLoop) {
   ka::DynamicObjectBuilder b;
-  b.advertiseMethod("where", []() { return std::this_thread::get_id() != std::thread::id(); },
-                    ka::MetaCallType::Queued);
+  b.advertiseMethod(
+      "where", []() { return std::this_thread::get_id() != std::thread::id(); },
+      ka::MetaCallType::Queued);
   std::thread::id ran;
-  b.advertiseMethod("tid", [&ran]() { ran = std::this_thread::get_id(); }, ka::MetaCallType::Queued);
+  b.advertiseMethod(
+      "tid", [&ran]() { ran = std::this_thread::get_id(); }, ka::MetaCallType::Queued);
   ka::AnyObject o = b.object();
   o->call<void>("tid");
   EXPECT_NE(ran, std::this_thread::get_id());

@@ -28,12 +28,14 @@ struct DirectoryEvents {
 
   void attach(const ka::SessionPtr& session) {
     ka::AnyObject dir = session->service("ServiceDirectory").value(kWaitMs);
-    dir->connect("serviceAdded", [this](int id, const std::string& name) {
-         record("+" + std::to_string(id) + name);
-       }).value(kWaitMs);
-    dir->connect("serviceRemoved", [this](int id, const std::string& name) {
-         record("-" + std::to_string(id) + name);
-       }).value(kWaitMs);
+    dir->connect(
+           "serviceAdded",
+           [this](int id, const std::string& name) { record("+" + std::to_string(id) + name); })
+        .value(kWaitMs);
+    dir->connect(
+           "serviceRemoved",
+           [this](int id, const std::string& name) { record("-" + std::to_string(id) + name); })
+        .value(kWaitMs);
   }
   void record(const std::string& e) {
     std::lock_guard<std::mutex> lock(m);
@@ -90,9 +92,9 @@ TEST(ServiceDirectorySignals, ArriveForEachRegistrationAndUnregistration) {
   const unsigned b = session->registerService("B", echoObject()).value(kWaitMs);
   session->unregisterService(a).value(kWaitMs);
   const auto got = events.waitFor(3);
-  EXPECT_EQ(got, (std::vector<std::string>{"+" + std::to_string(a) + "A",
-                                           "+" + std::to_string(b) + "B",
-                                           "-" + std::to_string(a) + "A"}));
+  EXPECT_EQ(got,
+            (std::vector<std::string>{"+" + std::to_string(a) + "A", "+" + std::to_string(b) + "B",
+                                      "-" + std::to_string(a) + "A"}));
 }
 
 TEST(ServiceDirectorySignals, ClosingASessionRemovesOnlyItsOwnServices) {
@@ -138,27 +140,26 @@ TEST(ServiceDirectoryCallbacks, MayLookUpAndCallServicesWithoutDeadlock) {
     answers.push_back(a);
     cv.notify_all();
   };
-  dir->connect("serviceAdded", ka::SignalSubscriber(ka::AnyFunction::from(lookUpAndCall),
-                                                    ka::MetaCallType::Direct))
+  dir->connect("serviceAdded",
+               ka::SignalSubscriber(ka::AnyFunction::from(lookUpAndCall), ka::MetaCallType::Direct))
       .value(kWaitMs);
-  dir->connect("serviceAdded", ka::SignalSubscriber(ka::AnyFunction::from(lookUpAndCall),
-                                                    ka::MetaCallType::Queued))
+  dir->connect("serviceAdded",
+               ka::SignalSubscriber(ka::AnyFunction::from(lookUpAndCall), ka::MetaCallType::Queued))
       .value(kWaitMs);
   // Register from several threads at once while the callbacks block on the loop.
   std::vector<std::thread> threads;
   const int n = 8;
   for (int i = 0; i < n; ++i) {
-    threads.emplace_back([&, i] {
-      session->registerService("S" + std::to_string(i), echoObject()).value(kWaitMs);
-    });
+    threads.emplace_back(
+        [&, i] { session->registerService("S" + std::to_string(i), echoObject()).value(kWaitMs); });
   }
   for (auto& t : threads) {
     t.join();
   }
   std::unique_lock<std::mutex> lock(m);
-  EXPECT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                          [&] { return answers.size() == 2u * n; }))
-      << answers.size();
+  EXPECT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] {
+    return answers.size() == 2u * n;
+  })) << answers.size();
 }
 
 TEST(ServiceRegistry, SurvivesConcurrentRegistrationsLookupsAndCalls) {

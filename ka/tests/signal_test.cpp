@@ -36,8 +36,8 @@ TEST(SignalDelivery, QueuedSubscriberRunsOnAnotherThreadAfterTheEmitterReturned)
   std::promise<std::pair<std::thread::id, bool>> ran;
   auto link = sig.connect(
       [&](int) {
-        // Ready only if the emitter had already returned when we started.
-        const bool afterEmit = returned.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        // Inside the emitter's call this wait could only time out.
+        const bool afterEmit = returned.wait_for(kWait) == std::future_status::ready;
         ran.set_value({std::this_thread::get_id(), afterEmit});
       },
       ka::MetaCallType::Queued);

@@ -70,7 +70,8 @@ AnyValue invokeWith(F& f, void* const* args, std::index_sequence<I...>) {
     f(*static_cast<std::remove_cv_t<std::remove_reference_t<A>>*>(args[I])...);
     return AnyValue::makeVoid();
   } else {
-    return AnyValue::make(f(*static_cast<std::remove_cv_t<std::remove_reference_t<A>>*>(args[I])...));
+    return AnyValue::make(
+        f(*static_cast<std::remove_cv_t<std::remove_reference_t<A>>*>(args[I])...));
   }
 }
 
@@ -117,15 +118,13 @@ class KA_API AnyFunction {
   // A member function bound to an object kept alive by the function.
   template <typename R, typename C, typename P, typename... A>
   static AnyFunction fromMember(R (C::*method)(A...), P object) {
-    return from<R(A...)>([method, object](A... a) -> R {
-      return ((*object).*method)(std::forward<A>(a)...);
-    });
+    return from<R(A...)>(
+        [method, object](A... a) -> R { return ((*object).*method)(std::forward<A>(a)...); });
   }
   template <typename R, typename C, typename P, typename... A>
   static AnyFunction fromMember(R (C::*method)(A...) const, P object) {
-    return from<R(A...)>([method, object](A... a) -> R {
-      return ((*object).*method)(std::forward<A>(a)...);
-    });
+    return from<R(A...)>(
+        [method, object](A... a) -> R { return ((*object).*method)(std::forward<A>(a)...); });
   }
 
   bool isValid() const { return _impl != nullptr; }

@@ -24,8 +24,8 @@ class KA_API DynamicObjectBuilder {
   // Overloads share a name; id -1 picks the next free id. Returns the method's id.
   unsigned int advertiseMethod(const std::string& name, AnyFunction function,
                                MetaCallType callType = MetaCallType::Auto, int id = -1);
-  template <typename F, typename = std::enable_if_t<
-                            !std::is_same<std::decay_t<F>, AnyFunction>::value>>
+  template <typename F,
+            typename = std::enable_if_t<!std::is_same<std::decay_t<F>, AnyFunction>::value>>
   unsigned int advertiseMethod(const std::string& name, F&& f,
                                MetaCallType callType = MetaCallType::Auto, int id = -1) {
     return advertiseMethod(name, AnyFunction::from(std::forward<F>(f)), callType, id);

@@ -53,8 +53,8 @@ class KA_API GenericObject : public boost::enable_shared_from_this<GenericObject
   Future<R> async(const std::string& name, const A&... args);
 
   Future<SignalLink> connect(const std::string& signalName, const SignalSubscriber& subscriber);
-  template <typename F, typename = std::enable_if_t<!std::is_base_of<
-                            SignalSubscriber, std::decay_t<F>>::value>>
+  template <typename F,
+            typename = std::enable_if_t<!std::is_base_of<SignalSubscriber, std::decay_t<F>>::value>>
   Future<SignalLink> connect(const std::string& signalName, F&& f,
                              MetaCallType callType = MetaCallType::Auto) {
     return connect(signalName, SignalSubscriber(AnyFunction::from(std::forward<F>(f)), callType));

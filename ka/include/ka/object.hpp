@@ -19,7 +19,7 @@ namespace detail {
 // The shared GenericObject serving `instance` (one per instance while it is in use),
 // made with the type registered for `info`; throws when that type is not registered.
 KA_API boost::shared_ptr<GenericObject> objectForInstance(const boost::shared_ptr<void>& instance,
-                                                         const std::type_info& info);
+                                                          const std::type_info& info);
 [[noreturn]] KA_API void throwNullObject();
 }  // namespace detail
 
@@ -76,7 +76,6 @@ AnyObject makeObject(const boost::shared_ptr<T>& instance) {
 }
 
 namespace detail {
-
 
 template <typename T>
 class ObjectTypeImpl : public StorageImpl<Object<T>, ObjectTypeInterface> {

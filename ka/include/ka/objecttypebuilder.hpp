@@ -48,7 +48,8 @@ class ObjectTypeBuilder {
   // Advertises a signal member (a ka::Signal<...> data member of T).
   template <typename S, typename C>
   unsigned int advertiseSignal(const std::string& name, S C::*member, int id = -1) {
-    static_assert(std::is_base_of<SignalBase, S>::value, "advertiseSignal needs a ka::Signal member");
+    static_assert(std::is_base_of<SignalBase, S>::value,
+                  "advertiseSignal needs a ka::Signal member");
     static_assert(std::is_base_of<C, T>::value, "the signal must be a member of T or of a base");
     MetaSignal meta;
     meta.uid = pickId(id, _signals);
@@ -103,24 +104,22 @@ class ObjectTypeBuilder {
   unsigned int addMethod(const std::string& name, R (C::*method)(A...), MetaCallType callType,
                          int id) {
     static_assert(std::is_base_of<C, T>::value, "the method must be a member of T or of a base");
-    return addInvoker<R, A...>(
-        name, callType, id, [method](void* instance, void* const* args) {
-          C* self = static_cast<T*>(instance);
-          auto f = [self, method](A... a) -> R { return (self->*method)(std::forward<A>(a)...); };
-          return detail::invokeWith<R, decltype(f), A...>(f, args, std::index_sequence_for<A...>());
-        });
+    return addInvoker<R, A...>(name, callType, id, [method](void* instance, void* const* args) {
+      C* self = static_cast<T*>(instance);
+      auto f = [self, method](A... a) -> R { return (self->*method)(std::forward<A>(a)...); };
+      return detail::invokeWith<R, decltype(f), A...>(f, args, std::index_sequence_for<A...>());
+    });
   }
 
   template <typename R, typename C, typename... A>
-  unsigned int addMethod(const std::string& name, R (C::*method)(A...) const,
-                         MetaCallType callType, int id) {
+  unsigned int addMethod(const std::string& name, R (C::*method)(A...) const, MetaCallType callType,
+                         int id) {
     static_assert(std::is_base_of<C, T>::value, "the method must be a member of T or of a base");
-    return addInvoker<R, A...>(
-        name, callType, id, [method](void* instance, void* const* args) {
-          const C* self = static_cast<const T*>(instance);
-          auto f = [self, method](A... a) -> R { return (self->*method)(std::forward<A>(a)...); };
-          return detail::invokeWith<R, decltype(f), A...>(f, args, std::index_sequence_for<A...>());
-        });
+    return addInvoker<R, A...>(name, callType, id, [method](void* instance, void* const* args) {
+      const C* self = static_cast<const T*>(instance);
+      auto f = [self, method](A... a) -> R { return (self->*method)(std::forward<A>(a)...); };
+      return detail::invokeWith<R, decltype(f), A...>(f, args, std::index_sequence_for<A...>());
+    });
   }
 
   template <typename R, typename... A>

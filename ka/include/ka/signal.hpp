@@ -85,8 +85,8 @@ class Signal : public SignalBase {
 
   using SignalBase::connect;
   // Connects any callable taking the signal's arguments.
-  template <typename F, typename = std::enable_if_t<!std::is_base_of<
-                            SignalSubscriber, std::decay_t<F>>::value>>
+  template <typename F,
+            typename = std::enable_if_t<!std::is_base_of<SignalSubscriber, std::decay_t<F>>::value>>
   [[nodiscard]] SignalLink connect(F&& f, MetaCallType callType = MetaCallType::Auto) {
     return connect(SignalSubscriber(
         AnyFunction::from<void(T...)>([fn = std::forward<F>(f)](const T&... a) { fn(a...); }),

@@ -27,8 +27,7 @@ void registerKnowledgeType() {
 
 }  // namespace
 
-KnowledgeService::KnowledgeService(std::shared_ptr<TripletStore> store)
-    : _store(std::move(store)) {
+KnowledgeService::KnowledgeService(std::shared_ptr<TripletStore> store) : _store(std::move(store)) {
   if (!_store) {
     throw std::invalid_argument("KnowledgeService needs a store");
   }

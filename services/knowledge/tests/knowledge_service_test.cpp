@@ -74,9 +74,9 @@ TEST_F(KnowledgeOverSession, RefusesArgumentsOfTheWrongTypeAndStoresNothing) {
   EXPECT_TRUE(kb->call<Rows>("queryTriplet", std::string("*"), std::string("*"), std::string("*"),
                              std::string("*"))
                   .empty());
-  EXPECT_THROW(kb->call<void>("update", std::string("only three"), std::string("a"),
-                              std::string("b")),
-               std::runtime_error);
+  EXPECT_THROW(
+      kb->call<void>("update", std::string("only three"), std::string("a"), std::string("b")),
+      std::runtime_error);
 }
 
 TEST_F(KnowledgeOverSession, ServesReadersWhileAWriterUpdates) {

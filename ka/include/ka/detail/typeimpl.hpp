@@ -122,7 +122,8 @@ class ListTypeImpl : public StorageImpl<V, ListTypeInterface> {
                 "std::vector<bool> has no addressable elements: use std::vector<char>");
 
  public:
-  ListTypeImpl() : _element(typeOf<E>()), _signature("[" + _element->signature().toString() + "]") {}
+  ListTypeImpl()
+      : _element(typeOf<E>()), _signature("[" + _element->signature().toString() + "]") {}
   const Signature& signature() const override { return _signature; }
   const TypeInterface* elementType() const override { return _element; }
   std::size_t size(const void* storage) const override {

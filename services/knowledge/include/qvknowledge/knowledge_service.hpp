@@ -25,8 +25,8 @@ class QVKNOWLEDGE_API KnowledgeService {
   std::vector<std::string> getObject(const std::string& domain, const std::string& subject,
                                      const std::string& predicate) const;
   // "?" in subject, predicate or object matches anything.
-  bool contains(const std::string& domain, const std::string& subject,
-                const std::string& predicate, const std::string& object) const;
+  bool contains(const std::string& domain, const std::string& subject, const std::string& predicate,
+                const std::string& object) const;
   // Afterwards exactly `object` is stored under the key.
   void update(const std::string& domain, const std::string& subject, const std::string& predicate,
               const std::string& object);
@@ -53,7 +53,8 @@ QVKNOWLEDGE_API ka::AnyObject makeKnowledgeObject(std::shared_ptr<TripletStore> 
 
 // Opens the store at `path` and registers it on `session` as "QVKnowledge"; answers
 // the service id. Throws KnowledgeStoreError when the file cannot be used.
-QVKNOWLEDGE_API ka::Future<unsigned int> registerKnowledgeService(
-    const ka::SessionPtr& session, const std::string& path, TripletStoreOptions options = {});
+QVKNOWLEDGE_API ka::Future<unsigned int> registerKnowledgeService(const ka::SessionPtr& session,
+                                                                  const std::string& path,
+                                                                  TripletStoreOptions options = {});
 
 }  // namespace QV
