@@ -1,0 +1,124 @@
+#pragma once
+// The state a Promise shares with its futures: completion, error text, value and the callbacks
+// waiting for it. Owned through shared_ptr by every promise and future copy.
+
+#include <ka/api.hpp>
+#include <ka/detail/unique_function.hpp>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace ka {
+
+// None: an invalid (default-constructed) future. Running: not finished yet. The other three are
+// final: once there, a state never changes again.
+enum class FutureState { None, Running, Canceled, FinishedWithError, FinishedWithValue };
+
+namespace detail {
+
+// Failure text of a future that has no state.
+inline constexpr const char kInvalidFutureError[] = "Future is invalid";
+// Failure text of a future whose every promise copy died without setting it.
+inline constexpr const char kBrokenPromiseError[] = "Promise broken";
+
+// Stands for the value of a Future<void>.
+struct KA_API Unit {};
+
+class KA_API SharedStateBase {
+ public:
+  using Continuation = UniqueFunction<void()>;
+
+  SharedStateBase();
+  virtual ~SharedStateBase();
+  SharedStateBase(const SharedStateBase&) = delete;
+  SharedStateBase& operator=(const SharedStateBase&) = delete;
+
+  FutureState state() const;
+  // Waits until the state is final or `msecs` have passed (<= 0: not at all,
+  // FutureTimeout_Infinite: without limit) and returns the state then. Blocks inside a
+  // BlockingScope.
+  FutureState wait(int msecs) const;
+  // The failure text of a failed or canceled state, empty otherwise.
+  std::string error() const;
+
+  // Both return false and change nothing when the state is already final. Completing calls
+  // (these and trySetValue) need the caller to own a reference to the state until they return.
+  bool trySetError(std::string error);
+  bool trySetCanceled(std::string reason);
+
+  // Runs `continuation` once the state is final: at once on the calling thread if it already is,
+  // otherwise on the thread that finishes it. No lock is held while it runs.
+  void onFinished(Continuation continuation);
+
+ protected:
+  // Makes the state final; `store` runs under the lock first, and only if it was still running.
+  template <class Store>
+  bool finish(FutureState final, Store&& store) {
+    std::vector<Continuation> continuations;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (state_ != FutureState::Running) {
+        return false;
+      }
+      store();
+      state_ = final;
+      continuations.swap(continuations_);
+    }
+    // The caller owns a reference (see trySetError), so the state outlives the notification.
+    cond_.notify_all();
+    runContinuations(continuations);
+    return true;
+  }
+  bool finishWithText(FutureState final, std::string text);
+
+ private:
+  static void runContinuations(std::vector<Continuation>& continuations);
+
+  mutable std::mutex mutex_;
+  mutable std::condition_variable cond_;      // signalled when state_ becomes final
+  FutureState state_ = FutureState::Running;  // guarded by mutex_
+  std::string error_;                         // guarded by mutex_; set with a final state
+  std::vector<Continuation> continuations_;   // guarded by mutex_; emptied when state_ is final
+};
+
+template <class T>
+class SharedState final : public SharedStateBase {
+ public:
+  using Stored = std::conditional_t<std::is_void_v<T>, Unit, T>;
+
+  template <class... Args>
+  bool trySetValue(Args&&... args) {
+    return finish(FutureState::FinishedWithValue,
+                  [&] { value_.emplace(std::forward<Args>(args)...); });
+  }
+
+  // Only after state() or wait() reported FinishedWithValue.
+  const Stored& value() const { return *value_; }
+
+ private:
+  // Written once under the base's mutex before the state becomes FinishedWithValue, read-only
+  // afterwards: readers that saw that state (under the same mutex) need no lock.
+  std::optional<Stored> value_;
+};
+
+// Shared by all copies of one Promise: when the last copy goes, a state nobody set fails with
+// kBrokenPromiseError, so that no waiter hangs on it.
+class KA_API PromiseGuard {
+ public:
+  explicit PromiseGuard(std::shared_ptr<SharedStateBase> state) noexcept;
+  ~PromiseGuard();
+  PromiseGuard(const PromiseGuard&) = delete;
+  PromiseGuard& operator=(const PromiseGuard&) = delete;
+
+ private:
+  std::shared_ptr<SharedStateBase> state_;
+};
+
+}  // namespace detail
+}  // namespace ka

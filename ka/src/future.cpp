@@ -1,0 +1,147 @@
+// Shared state, waiting and error types behind ka::Future and ka::Promise.
+
+#include <ka/detail/blocking_scope.hpp>
+#include <ka/future.hpp>
+
+#include <chrono>
+
+namespace ka {
+
+FutureError::FutureError(const std::string& message) : std::runtime_error(message) {}
+FutureError::~FutureError() = default;
+
+FutureTimeoutError::FutureTimeoutError(int msecs)
+    : std::runtime_error("Future timeout after " + std::to_string(msecs) + " ms"), msecs_(msecs) {}
+FutureTimeoutError::~FutureTimeoutError() = default;
+
+namespace detail {
+
+void throwPromiseAlreadySet() {
+  throw std::logic_error("Promise already completed");
+}
+
+SharedStateBase::SharedStateBase() = default;
+SharedStateBase::~SharedStateBase() = default;
+
+FutureState SharedStateBase::state() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return state_;
+}
+
+FutureState SharedStateBase::wait(int msecs) const {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_ != FutureState::Running || msecs <= 0) {
+      return state_;
+    }
+  }
+  // Entered without our lock held: it may start a thread.
+  BlockingScope blocking;
+  std::unique_lock<std::mutex> lock(mutex_);
+  const auto finished = [this] { return state_ != FutureState::Running; };
+  if (msecs >= FutureTimeout_Infinite) {
+    cond_.wait(lock, finished);
+  } else {
+    cond_.wait_for(lock, std::chrono::milliseconds(msecs), finished);
+  }
+  return state_;
+}
+
+std::string SharedStateBase::error() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return error_;
+}
+
+bool SharedStateBase::finishWithText(FutureState final, std::string text) {
+  return finish(final, [&] { error_ = std::move(text); });
+}
+
+bool SharedStateBase::trySetError(std::string error) {
+  return finishWithText(FutureState::FinishedWithError, std::move(error));
+}
+
+bool SharedStateBase::trySetCanceled(std::string reason) {
+  return finishWithText(FutureState::Canceled, std::move(reason));
+}
+
+void SharedStateBase::onFinished(Continuation continuation) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_ == FutureState::Running) {
+      continuations_.push_back(std::move(continuation));
+      return;
+    }
+  }
+  continuation();
+}
+
+void SharedStateBase::runContinuations(std::vector<Continuation>& continuations) {
+  for (auto& continuation : continuations) {
+    continuation();
+  }
+}
+
+PromiseGuard::PromiseGuard(std::shared_ptr<SharedStateBase> state) noexcept
+    : state_(std::move(state)) {}
+
+PromiseGuard::~PromiseGuard() {
+  state_->trySetError(kBrokenPromiseError);
+}
+
+FutureBase::FutureBase(std::shared_ptr<SharedStateBase> state) noexcept
+    : state_(std::move(state)) {}
+
+FutureState FutureBase::wait(int msecs) const {
+  return state_ ? state_->wait(msecs) : FutureState::None;
+}
+
+bool FutureBase::isFinished() const {
+  const FutureState s = wait(FutureTimeout_None);
+  return s != FutureState::None && s != FutureState::Running;
+}
+
+bool FutureBase::isRunning() const {
+  return wait(FutureTimeout_None) == FutureState::Running;
+}
+
+bool FutureBase::hasValue(int msecs) const {
+  return wait(msecs) == FutureState::FinishedWithValue;
+}
+
+bool FutureBase::hasError(int msecs) const {
+  return wait(msecs) == FutureState::FinishedWithError;
+}
+
+std::string FutureBase::error(int msecs) const {
+  switch (wait(msecs)) {
+    case FutureState::None:
+      return {};
+    case FutureState::Running:
+      throw FutureTimeoutError(msecs);
+    default:
+      return state_->error();
+  }
+}
+
+void FutureBase::waitForValue(int msecs) const {
+  switch (wait(msecs)) {
+    case FutureState::FinishedWithValue:
+      return;
+    case FutureState::None:
+      throw FutureError(kInvalidFutureError);
+    case FutureState::Running:
+      throw FutureTimeoutError(msecs);
+    default:
+      throw FutureError(state_->error());
+  }
+}
+
+}  // namespace detail
+
+Future<void> makeReadyFuture() {
+  Promise<void> promise;
+  promise.setValue();
+  return promise.future();
+}
+
+}  // namespace ka
