@@ -1,0 +1,204 @@
+// Cost of the triplet store's calls on stores of 10k and 1M triplets shaped like user data: many
+// subjects (users) x ten predicates x three domains. A lookup should cost about the same at both
+// sizes; update is measured with both durability settings.
+
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "qvknowledge/triplet_store.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using QV::Durability;
+using QV::Triplet;
+using QV::TripletStore;
+
+constexpr const char* kDomains[] = {"profile", "auth", "prefs"};
+constexpr const char* kPredicates[] = {"email", "name",    "phone", "locale", "timezone",
+                                       "group", "manager", "title", "status", "avatar"};
+constexpr std::int64_t kDomainCount = 3;
+constexpr std::int64_t kPredicateCount = 10;
+constexpr std::int64_t kPerSubject = kDomainCount * kPredicateCount;
+
+std::string subjectName(std::int64_t user) {
+  char name[32];
+  std::snprintf(name, sizeof name, "user-%08lld", static_cast<long long>(user));
+  return name;
+}
+
+// The triplet number `row` of a store: row -> (user, domain, predicate), one object each.
+Triplet tripletAt(std::int64_t row) {
+  const std::int64_t user = row / kPerSubject;
+  const char* domain = kDomains[(row / kPredicateCount) % kDomainCount];
+  const char* predicate = kPredicates[row % kPredicateCount];
+  std::string subject = subjectName(user);
+  std::string object = std::string(predicate) + "-of-" + subject + "@example.org";
+  return {domain, std::move(subject), predicate, std::move(object)};
+}
+
+// Rows visited in a scattered order that repeats, so lookups do not walk the file sequentially.
+class RowPicker {
+ public:
+  explicit RowPicker(std::int64_t rows) : rows_(rows) {}
+  std::int64_t next() {
+    state_ = state_ * 6364136223846793005ULL + 1442695040888963407ULL;
+    return static_cast<std::int64_t>((state_ >> 33) % static_cast<std::uint64_t>(rows_));
+  }
+
+ private:
+  std::int64_t rows_;
+  std::uint64_t state_ = 42;
+};
+
+// The stores under test, loaded once per size in a temporary directory removed at exit. Both
+// durability settings open the same file.
+class Stores {
+ public:
+  static Stores& instance() {
+    static Stores stores;
+    return stores;
+  }
+
+  TripletStore& get(std::int64_t rows, Durability durability) {
+    std::lock_guard lock(mutex_);
+    auto& store = stores_[{rows, durability}];
+    if (!store) {
+      const std::string path = (dir_ / ("store-" + std::to_string(rows) + ".db")).string();
+      if (!fs::exists(path)) {
+        load(path, rows);
+      }
+      QV::TripletStoreOptions options;
+      options.durability = durability;
+      store = std::make_unique<TripletStore>(path, options);
+    }
+    return *store;
+  }
+
+ private:
+  Stores() {
+    std::string pattern = (fs::temp_directory_path() / "qvknowledge-bench-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("cannot create a temporary directory");
+    }
+    dir_ = pattern;
+  }
+  ~Stores() {
+    stores_.clear();
+    std::error_code ignored;
+    fs::remove_all(dir_, ignored);
+  }
+
+  static void load(const std::string& path, std::int64_t rows) {
+    constexpr std::int64_t kBatch = 100000;
+    TripletStore store(path);
+    std::vector<Triplet> batch;
+    for (std::int64_t row = 0; row < rows;) {
+      batch.clear();
+      for (std::int64_t end = std::min(rows, row + kBatch); row < end; ++row) {
+        batch.push_back(tripletAt(row));
+      }
+      store.addMany(batch);
+    }
+  }
+
+  std::mutex mutex_;  // guards stores_
+  fs::path dir_;
+  std::map<std::pair<std::int64_t, Durability>, std::unique_ptr<TripletStore>> stores_;
+};
+
+TripletStore& storeFor(const benchmark::State& state, Durability durability = Durability::Full) {
+  return Stores::instance().get(state.range(0), durability);
+}
+
+void BM_GetObject(benchmark::State& state) {
+  TripletStore& store = storeFor(state);
+  RowPicker picker(state.range(0));
+  for (auto _ : state) {
+    const Triplet t = tripletAt(picker.next());
+    auto objects = store.getObject(t.domain, t.subject, t.predicate);
+    benchmark::DoNotOptimize(objects);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void BM_Contains(benchmark::State& state) {
+  TripletStore& store = storeFor(state);
+  RowPicker picker(state.range(0));
+  for (auto _ : state) {
+    const Triplet t = tripletAt(picker.next());
+    benchmark::DoNotOptimize(store.contains(t.domain, t.subject, t.predicate, t.object));
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void BM_QueryTripletBySubject(benchmark::State& state) {
+  TripletStore& store = storeFor(state);
+  RowPicker picker(state.range(0));
+  for (auto _ : state) {
+    const Triplet t = tripletAt(picker.next());
+    auto rows = store.queryTriplet("*", t.subject, "*", "*");
+    benchmark::DoNotOptimize(rows);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void BM_Update(benchmark::State& state) {
+  const auto durability = state.range(1) == 0 ? Durability::Full : Durability::Normal;
+  TripletStore& store = storeFor(state, durability);
+  RowPicker picker(state.range(0));
+  std::int64_t version = 0;
+  for (auto _ : state) {
+    const Triplet t = tripletAt(picker.next());
+    store.update(t.domain, t.subject, t.predicate, t.object + "#" + std::to_string(++version));
+  }
+  state.SetItemsProcessed(state.iterations());
+  state.SetLabel(durability == Durability::Full ? "Full" : "Normal");
+}
+
+// Write cost of the table and its indexes: 1000 new triplets per transaction.
+void BM_AddManyThousand(benchmark::State& state) {
+  // Rows past the loaded ones, never the same twice across runs: a duplicate would cost nothing.
+  static std::int64_t added = 0;
+  TripletStore& store = storeFor(state);
+  std::vector<Triplet> batch;
+  for (auto _ : state) {
+    state.PauseTiming();
+    batch.clear();
+    for (int i = 0; i < 1000; ++i) {
+      batch.push_back(tripletAt(state.range(0) + added++));
+    }
+    state.ResumeTiming();
+    store.addMany(batch);
+  }
+  state.SetItemsProcessed(state.iterations() * 1000);
+}
+
+void sizes(benchmark::internal::Benchmark* b) {
+  b->Arg(10000)->Arg(1000000)->UseRealTime();
+}
+
+BENCHMARK(BM_GetObject)->Apply(sizes)->ThreadRange(1, 2);
+BENCHMARK(BM_Contains)->Apply(sizes);
+BENCHMARK(BM_QueryTripletBySubject)->Apply(sizes);
+BENCHMARK(BM_Update)
+    ->ArgsProduct({{10000, 1000000}, {0, 1}})
+    ->ArgNames({"rows", "normal"})
+    ->UseRealTime();
+BENCHMARK(BM_AddManyThousand)->Apply(sizes);
+
+}  // namespace
+
+BENCHMARK_MAIN();

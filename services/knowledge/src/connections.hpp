@@ -1,0 +1,33 @@
+#pragma once
+// The store's SQLite connections, each opened and configured for its role, owning the statements
+// it runs (declared after the database so they are finalized before it closes).
+
+#include <optional>
+#include <string>
+
+#include <SQLiteCpp/Database.h>
+
+#include "prepared_statements.hpp"
+#include "qvknowledge/triplet_store.hpp"
+
+namespace QV::detail {
+
+// The one connection that writes. In memory it is the only connection and also serves reads,
+// because every connection to ":memory:" would open a database of its own.
+struct WriterConnection {
+  WriterConnection(const std::string& path, const TripletStoreOptions& options, bool inMemory);
+
+  SQLite::Database db;
+  WriteStatements writes;
+  std::optional<ReadStatements> reads;  // in memory only
+};
+
+// A read-only connection; WAL gives each of its statements a consistent snapshot.
+struct ReaderConnection {
+  ReaderConnection(const std::string& path, const TripletStoreOptions& options);
+
+  SQLite::Database db;
+  ReadStatements reads;
+};
+
+}  // namespace QV::detail
