@@ -1,6 +1,8 @@
 // Cost of the triplet store's calls on stores of 10k and 1M triplets shaped like user data: many
 // subjects (users) x ten predicates x three domains. A lookup should cost about the same at both
-// sizes; update is measured with both durability settings.
+// sizes; update is measured with both durability settings. Each call is measured twice: on the
+// store directly (the reference) and as the service "QVKnowledge" called by name through an
+// in-process middleware session, so the middleware's share is the ratio of the two.
 
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
@@ -17,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "qvknowledge/knowledge_service.hpp"
 #include "qvknowledge/triplet_store.hpp"
 
 namespace {
@@ -72,7 +75,7 @@ class Stores {
     return stores;
   }
 
-  TripletStore& get(std::int64_t rows, Durability durability) {
+  std::shared_ptr<TripletStore> get(std::int64_t rows, Durability durability) {
     std::lock_guard lock(mutex_);
     auto& store = stores_[{rows, durability}];
     if (!store) {
@@ -82,9 +85,22 @@ class Stores {
       }
       QV::TripletStoreOptions options;
       options.durability = durability;
-      store = std::make_unique<TripletStore>(path, options);
+      store = std::make_shared<TripletStore>(path, options);
     }
-    return *store;
+    return store;
+  }
+
+  // The same store published as "QVKnowledge" on a session of its own.
+  ka::AnyObject service(std::int64_t rows, Durability durability) {
+    auto store = get(rows, durability);
+    std::lock_guard lock(mutex_);
+    auto& entry = services_[{rows, durability}];
+    if (!entry.second.isValid()) {
+      entry.first = ka::makeSession();
+      entry.first->registerService("QVKnowledge", QV::makeKnowledgeObject(store)).value();
+      entry.second = entry.first->service("QVKnowledge").value();
+    }
+    return entry.second;
   }
 
  private:
@@ -96,6 +112,7 @@ class Stores {
     dir_ = pattern;
   }
   ~Stores() {
+    services_.clear();
     stores_.clear();
     std::error_code ignored;
     fs::remove_all(dir_, ignored);
@@ -116,56 +133,101 @@ class Stores {
 
   std::mutex mutex_;  // guards stores_
   fs::path dir_;
-  std::map<std::pair<std::int64_t, Durability>, std::unique_ptr<TripletStore>> stores_;
+  std::map<std::pair<std::int64_t, Durability>, std::shared_ptr<TripletStore>> stores_;
+  std::map<std::pair<std::int64_t, Durability>, std::pair<ka::SessionPtr, ka::AnyObject>> services_;
+};
+
+// One side of the comparison: the store called directly, or the service called by name.
+class Target {
+ public:
+  Target(const benchmark::State& state, Durability durability = Durability::Full)
+      : _viaSession(state.range(1) != 0) {
+    if (_viaSession) {
+      _service = Stores::instance().service(state.range(0), durability);
+    } else {
+      _store = Stores::instance().get(state.range(0), durability);
+    }
+  }
+  const char* label() const { return _viaSession ? "session" : "direct"; }
+
+  std::vector<std::string> getObject(const Triplet& t) {
+    return _viaSession ? _service->call<std::vector<std::string>>("getObject", t.domain, t.subject,
+                                                                  t.predicate)
+                       : _store->getObject(t.domain, t.subject, t.predicate);
+  }
+  bool contains(const Triplet& t) {
+    return _viaSession
+               ? _service->call<bool>("contains", t.domain, t.subject, t.predicate, t.object)
+               : _store->contains(t.domain, t.subject, t.predicate, t.object);
+  }
+  std::vector<std::vector<std::string>> queryBySubject(const std::string& subject) {
+    static const std::string any = "*";
+    return _viaSession ? _service->call<std::vector<std::vector<std::string>>>("queryTriplet", any,
+                                                                               subject, any, any)
+                       : _store->queryTriplet(any, subject, any, any);
+  }
+  void update(const Triplet& t, const std::string& object) {
+    if (_viaSession) {
+      _service->call<void>("update", t.domain, t.subject, t.predicate, object);
+    } else {
+      _store->update(t.domain, t.subject, t.predicate, object);
+    }
+  }
+
+ private:
+  bool _viaSession;
+  std::shared_ptr<TripletStore> _store;
+  ka::AnyObject _service;
 };
 
 TripletStore& storeFor(const benchmark::State& state, Durability durability = Durability::Full) {
-  return Stores::instance().get(state.range(0), durability);
+  return *Stores::instance().get(state.range(0), durability);
 }
 
 void BM_GetObject(benchmark::State& state) {
-  TripletStore& store = storeFor(state);
+  Target target(state);
   RowPicker picker(state.range(0));
   for (auto _ : state) {
-    const Triplet t = tripletAt(picker.next());
-    auto objects = store.getObject(t.domain, t.subject, t.predicate);
+    auto objects = target.getObject(tripletAt(picker.next()));
     benchmark::DoNotOptimize(objects);
   }
   state.SetItemsProcessed(state.iterations());
+  state.SetLabel(target.label());
 }
 
 void BM_Contains(benchmark::State& state) {
-  TripletStore& store = storeFor(state);
+  Target target(state);
   RowPicker picker(state.range(0));
   for (auto _ : state) {
-    const Triplet t = tripletAt(picker.next());
-    benchmark::DoNotOptimize(store.contains(t.domain, t.subject, t.predicate, t.object));
+    benchmark::DoNotOptimize(target.contains(tripletAt(picker.next())));
   }
   state.SetItemsProcessed(state.iterations());
+  state.SetLabel(target.label());
 }
 
 void BM_QueryTripletBySubject(benchmark::State& state) {
-  TripletStore& store = storeFor(state);
+  Target target(state);
   RowPicker picker(state.range(0));
   for (auto _ : state) {
-    const Triplet t = tripletAt(picker.next());
-    auto rows = store.queryTriplet("*", t.subject, "*", "*");
+    auto rows = target.queryBySubject(tripletAt(picker.next()).subject);
     benchmark::DoNotOptimize(rows);
   }
   state.SetItemsProcessed(state.iterations());
+  state.SetLabel(target.label());
 }
 
 void BM_Update(benchmark::State& state) {
-  const auto durability = state.range(1) == 0 ? Durability::Full : Durability::Normal;
-  TripletStore& store = storeFor(state, durability);
+  const auto durability = state.range(2) == 0 ? Durability::Full : Durability::Normal;
+  Target target(state, durability);
   RowPicker picker(state.range(0));
   std::int64_t version = 0;
   for (auto _ : state) {
     const Triplet t = tripletAt(picker.next());
-    store.update(t.domain, t.subject, t.predicate, t.object + "#" + std::to_string(++version));
+    target.update(t, t.object + "#" + std::to_string(++version));
   }
   state.SetItemsProcessed(state.iterations());
-  state.SetLabel(durability == Durability::Full ? "Full" : "Normal");
+  state.SetLabel(std::string(target.label()) +
+                 (durability == Durability::Full ? "/Full" : "/Normal"));
 }
 
 // Write cost of the table and its indexes: 1000 new triplets per transaction.
@@ -190,12 +252,17 @@ void sizes(benchmark::internal::Benchmark* b) {
   b->Arg(10000)->Arg(1000000)->UseRealTime();
 }
 
-BENCHMARK(BM_GetObject)->Apply(sizes)->ThreadRange(1, 2);
-BENCHMARK(BM_Contains)->Apply(sizes);
-BENCHMARK(BM_QueryTripletBySubject)->Apply(sizes);
+// rows x (0 direct, 1 through the session)
+void sizesAndPaths(benchmark::internal::Benchmark* b) {
+  b->ArgsProduct({{10000, 1000000}, {0, 1}})->ArgNames({"rows", "session"})->UseRealTime();
+}
+
+BENCHMARK(BM_GetObject)->Apply(sizesAndPaths)->ThreadRange(1, 2);
+BENCHMARK(BM_Contains)->Apply(sizesAndPaths);
+BENCHMARK(BM_QueryTripletBySubject)->Apply(sizesAndPaths);
 BENCHMARK(BM_Update)
-    ->ArgsProduct({{10000, 1000000}, {0, 1}})
-    ->ArgNames({"rows", "normal"})
+    ->ArgsProduct({{10000, 1000000}, {0, 1}, {0, 1}})
+    ->ArgNames({"rows", "session", "normal"})
     ->UseRealTime();
 BENCHMARK(BM_AddManyThousand)->Apply(sizes);
 

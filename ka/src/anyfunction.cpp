@@ -51,9 +51,17 @@ PreparedArguments::PreparedArguments(const std::vector<const TypeInterface*>& pa
         _converted.reserve(parameters.size());
       }
       _converted.push_back(args[i].convert(parameters[i]));
+    } catch (const ConversionError& e) {
+      // The conversion's own text starts with the same types; keep only its reason.
+      const std::string text = e.what();
+      const auto colon = text.find("': ");
+      throw ArgumentError("Cannot convert argument " + std::to_string(i + 1) + " from '" +
+                          args[i].signature(true).toString() + "' to '" +
+                          parameters[i]->signature().toString() + "'" +
+                          (colon == std::string::npos ? "" : text.substr(colon + 1)));
     } catch (const std::exception& e) {
       throw ArgumentError("Cannot convert argument " + std::to_string(i + 1) + " from '" +
-                          args[i].signature().toString() + "' to '" +
+                          args[i].signature(true).toString() + "' to '" +
                           parameters[i]->signature().toString() + "': " + e.what());
     }
     _pointers[i] = _converted.back().rawValue();

@@ -75,6 +75,8 @@ void AnyValue::reset() {
 void* AnyValue::release() {
   void* s = _storage;
   _owned = false;
+  _type = nullptr;
+  _storage = nullptr;
   return s;
 }
 

@@ -1,6 +1,8 @@
-// Value conversion: exact, or refused. A conversion never silently loses
-// information: integers are range-checked, floats convert to integers only when
-// they hold an integral value in range, strings convert only to strings.
+// Value conversion: exact, or refused. Integers are range-checked, integers convert
+// to floats only when the float holds them exactly, floats convert to integers only
+// when they hold an integral value in range, strings convert only to strings. Between
+// floats only the range is checked: rounding a double to the nearest float is what
+// asking for a float means.
 #include <ka/anyvalue.hpp>
 
 #include <cfloat>
@@ -116,8 +118,26 @@ AnyValue floatFromNumber(const TypeInterface* from, const void* storage,
   if (from->kind() == TypeKind::Int) {
     const auto* it = static_cast<const IntTypeInterface*>(from);
     const std::int64_t raw = it->get(storage);
-    d = it->isSigned() ? static_cast<double>(raw)
-                       : static_cast<double>(static_cast<std::uint64_t>(raw));
+    bool exact;
+    std::string text;
+    if (it->isSigned()) {
+      d = static_cast<double>(raw);
+      // 2^63 is exactly representable but outside int64: check before casting back.
+      exact = d < 9223372036854775808.0 && static_cast<std::int64_t>(d) == raw;
+      text = std::to_string(raw);
+    } else {
+      const auto u = static_cast<std::uint64_t>(raw);
+      d = static_cast<double>(u);
+      exact = d < 18446744073709551616.0 && static_cast<std::uint64_t>(d) == u;
+      text = std::to_string(u);
+    }
+    if (to->size() == 4) {
+      const float f = static_cast<float>(d);
+      exact = exact && static_cast<double>(f) == d;
+    }
+    if (!exact) {
+      fail(from, to, text + " has no exact representation");
+    }
   } else {
     d = static_cast<const FloatTypeInterface*>(from)->get(storage);
   }

@@ -2,7 +2,9 @@
 
 #include <ka/detail/blocking_scope.hpp>
 #include <ka/eventloop.hpp>
+
 #include <ka/log.hpp>
+#include "serialgate.hpp"
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
@@ -317,7 +319,11 @@ class WorkerPool {
   std::unordered_set<std::shared_ptr<boost::asio::steady_timer>> timers_;  // pending delays
 };
 
-BlockingScope::BlockingScope() : pool_(tlsBlockingDepth == 0 ? tlsPool : nullptr) {
+BlockingScope::BlockingScope()
+    : pool_(tlsBlockingDepth == 0 ? tlsPool : nullptr), outermost_(tlsBlockingDepth == 0) {
+  if (outermost_) {
+    suspended_ = suspendSerialGates();
+  }
   if (pool_ != nullptr) {
     pool_->enterBlocking();
   }
@@ -328,6 +334,18 @@ BlockingScope::~BlockingScope() {
   --tlsBlockingDepth;
   if (pool_ != nullptr) {
     pool_->leaveBlocking();
+  }
+  if (outermost_ && !suspended_.empty()) {
+    // Taking the gates back is itself a wait; count it as blocked time for the pool.
+    ++tlsBlockingDepth;
+    if (pool_ != nullptr) {
+      pool_->enterBlocking();
+    }
+    resumeSerialGates(suspended_);
+    if (pool_ != nullptr) {
+      pool_->leaveBlocking();
+    }
+    --tlsBlockingDepth;
   }
 }
 

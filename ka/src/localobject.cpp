@@ -8,6 +8,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
 #include <map>
 #include <typeindex>
 #include <utility>
@@ -24,7 +25,7 @@ AnyValue LocalObject::invoke(std::size_t index, const AnyReferenceVector& args) 
   const MetaMethod& meta = _type->metaObject.methods()[index];
   const PreparedArguments prepared(meta.parameterTypes, args);
   if (_type->threadingModel == ObjectThreadingModel::SingleThread) {
-    std::lock_guard<std::recursive_mutex> lock(_callMutex);
+    SerialGate::Scope serial(_gate);
     return _type->methods[index].invoke(_instance.get(), prepared.pointers());
   }
   return _type->methods[index].invoke(_instance.get(), prepared.pointers());
@@ -40,6 +41,8 @@ Future<AnyValue> LocalObject::metaCall(unsigned int uid, const AnyReferenceVecto
   MetaCallType effective =
       callType == MetaCallType::Auto ? _type->methods[index].callType : callType;
   if (effective != MetaCallType::Queued) {
+    // A method may drop the last handle to its own object; stay alive until it returns.
+    const auto self = shared_from_this();
     try {
       return makeReadyFuture(invoke(index, args));
     } catch (const std::exception& e) {
@@ -77,29 +80,21 @@ Future<SignalLink> LocalObject::metaConnect(unsigned int signalUid,
     return makeFutureError<SignalLink>("Signal id " + std::to_string(signalUid) + " not found");
   }
   try {
-    const SignalLink link = signal->connect(subscriber);
-    std::lock_guard<std::mutex> lock(_linksMutex);
-    _links.emplace(link, signal);
-    return makeReadyFuture(link);
+    return makeReadyFuture(signal->connect(subscriber));
   } catch (const std::exception& e) {
     return makeFutureError<SignalLink>(e.what());
   }
 }
 
 Future<void> LocalObject::metaDisconnect(SignalLink link) {
-  SignalBase* signal = nullptr;
-  {
-    std::lock_guard<std::mutex> lock(_linksMutex);
-    auto it = _links.find(link);
-    if (it != _links.end()) {
-      signal = it->second;
-      _links.erase(it);
+  // Links are unique in the process, so the signal that knows the link is the one; this
+  // works through any handle of the instance, not only the one that connected.
+  for (const auto& accessor : _type->signals) {
+    if (accessor(_instance.get())->disconnect(link)) {
+      return makeReadyFuture();
     }
   }
-  if (signal == nullptr || !signal->disconnect(link)) {
-    return makeFutureError<void>("Unknown signal link " + std::to_string(link));
-  }
-  return makeReadyFuture();
+  return makeFutureError<void>("Unknown signal link " + std::to_string(link));
 }
 
 void LocalObject::metaPost(unsigned int signalUid, const AnyReferenceVector& args) {
@@ -127,21 +122,30 @@ boost::shared_ptr<GenericObject> objectForInstance(const boost::shared_ptr<void>
   }
   // One object per live instance, so that every handle to it shares the same call
   // serialisation and identity.
-  static std::mutex cacheMutex;
-  // Guarded by cacheMutex.
-  static std::map<std::pair<const void*, std::type_index>, boost::weak_ptr<GenericObject>> cache;
+  struct Cache {
+    std::mutex mutex;
+    // Guarded by mutex.
+    std::map<std::pair<const void*, std::type_index>, boost::weak_ptr<GenericObject>> objects;
+    // Guarded by mutex: prune expired entries when the map has grown past this.
+    std::size_t pruneAt = 64;
+  };
+  // Immortal: objects are made and dropped until the very end of the process.
+  static Cache* cachePtr = new Cache();  // intentionally never destroyed
+  Cache& c = *cachePtr;
+  auto& cache = c.objects;
   const auto key = std::make_pair(static_cast<const void*>(instance.get()), std::type_index(info));
-  std::lock_guard<std::mutex> lock(cacheMutex);
+  std::lock_guard<std::mutex> lock(c.mutex);
   auto it = cache.find(key);
   if (it != cache.end()) {
     if (auto existing = it->second.lock()) {
       return existing;
     }
   }
-  if (cache.size() > 64) {
+  if (cache.size() >= c.pruneAt) {
     for (auto e = cache.begin(); e != cache.end();) {
       e = e->second.expired() ? cache.erase(e) : std::next(e);
     }
+    c.pruneAt = std::max<std::size_t>(64, 2 * cache.size());
   }
   boost::shared_ptr<GenericObject> object = boost::make_shared<LocalObject>(type, instance);
   cache[key] = object;

@@ -4,10 +4,9 @@
 #include <ka/genericobject.hpp>
 #include <ka/objecttype.hpp>
 
-#include <boost/shared_ptr.hpp>
+#include "serialgate.hpp"
 
-#include <map>
-#include <mutex>
+#include <boost/shared_ptr.hpp>
 
 namespace ka {
 namespace detail {
@@ -31,12 +30,9 @@ class LocalObject : public GenericObject {
 
   const ObjectTypePtr _type;
   const boost::shared_ptr<void> _instance;
-  // Serialises calls of a single-threaded object; recursive so that a method may call
-  // its own object.
-  std::recursive_mutex _callMutex;
-  std::mutex _linksMutex;
-  // Guarded by _linksMutex: the signal each link made through this object belongs to.
-  std::map<SignalLink, SignalBase*> _links;
+  // Serialises the calls of a single-threaded object (re-entrant, and open to other
+  // calls while a call blocks).
+  SerialGate _gate;
 };
 
 }  // namespace detail

@@ -69,8 +69,14 @@ int fitness(const MetaMethod& m, const AnyReferenceVector& args) {
   int tier = 0;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const TypeInterface* p = m.parameterTypes[i];
-    const Signature argSig = args[i].signature(true);
-    if (argSig == p->signature()) {
+    AnyReference arg = args[i];
+    while (arg.isValid() && arg.type()->kind() == TypeKind::Dynamic) {
+      arg = arg.content();
+    }
+    // Types without a middleware meaning all share the signature "X": only their C++
+    // identity tells them apart.
+    if (sameType(arg.type(), p) || (arg.isValid() && arg.type()->kind() != TypeKind::Unknown &&
+                                    arg.type()->signature() == p->signature())) {
       continue;
     }
     if (p->kind() == TypeKind::Dynamic) {

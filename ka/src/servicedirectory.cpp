@@ -42,6 +42,9 @@ unsigned int ServiceDirectory::registerService(const std::string& name, const An
   unsigned int id;
   {
     std::lock_guard<std::mutex> lock(_mutex);
+    if (owner != 0 && _closedOwners.count(owner) != 0) {
+      throw std::runtime_error("The session is closed");
+    }
     if (name == Session::kDirectoryName) {
       throw std::runtime_error("Service \"" + name + "\" is already registered");
     }
@@ -52,8 +55,9 @@ unsigned int ServiceDirectory::registerService(const std::string& name, const An
     }
     id = _nextId++;
     _services.emplace(id, Entry{name, object, owner});
+    _pending.push_back(Event{true, id, name});
   }
-  serviceAdded(static_cast<int>(id), name);
+  drainEvents();
   return id;
 }
 
@@ -67,26 +71,50 @@ void ServiceDirectory::unregisterService(unsigned int id) {
     }
     name = it->second.name;
     _services.erase(it);
+    _pending.push_back(Event{false, id, name});
   }
-  serviceRemoved(static_cast<int>(id), name);
+  drainEvents();
 }
 
-void ServiceDirectory::unregisterOwner(std::uint64_t owner) {
-  std::vector<std::pair<unsigned int, std::string>> removed;
+void ServiceDirectory::closeOwner(std::uint64_t owner) {
   {
     std::lock_guard<std::mutex> lock(_mutex);
+    _closedOwners.insert(owner);
     for (auto it = _services.begin(); it != _services.end();) {
       if (it->second.owner == owner) {
-        removed.emplace_back(it->first, it->second.name);
+        _pending.push_back(Event{false, it->first, it->second.name});
         it = _services.erase(it);
       } else {
         ++it;
       }
     }
   }
-  for (const auto& r : removed) {
-    serviceRemoved(static_cast<int>(r.first), r.second);
+  drainEvents();
+}
+
+void ServiceDirectory::drainEvents() {
+  std::unique_lock<std::mutex> lock(_mutex);
+  if (_draining) {
+    return;
   }
+  _draining = true;
+  while (!_pending.empty()) {
+    const Event event = std::move(_pending.front());
+    _pending.pop_front();
+    lock.unlock();
+    try {
+      if (event.added) {
+        serviceAdded(static_cast<int>(event.id), event.name);
+      } else {
+        serviceRemoved(static_cast<int>(event.id), event.name);
+      }
+    } catch (...) {
+      // Subscriber failures are logged by the signal; only argument errors could get
+      // here, and the remaining events must still go out.
+    }
+    lock.lock();
+  }
+  _draining = false;
 }
 
 AnyObject ServiceDirectory::lookup(const std::string& name) const {

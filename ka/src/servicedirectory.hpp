@@ -8,8 +8,10 @@
 
 #include <boost/enable_shared_from_this.hpp>
 
+#include <deque>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -26,7 +28,8 @@ class ServiceDirectory : public boost::enable_shared_from_this<ServiceDirectory>
                                std::uint64_t owner);
   // Throws when no service has that id; the directory itself cannot be removed.
   void unregisterService(unsigned int id);
-  void unregisterOwner(std::uint64_t owner);
+  // Unregisters every service of `owner` and refuses its registrations from now on.
+  void closeOwner(std::uint64_t owner);
   // A null object when nothing has that name.
   AnyObject lookup(const std::string& name) const;
   std::vector<ServiceInfo> list() const;
@@ -50,11 +53,27 @@ class ServiceDirectory : public boost::enable_shared_from_this<ServiceDirectory>
     std::uint64_t owner;
   };
 
+  struct Event {
+    bool added;
+    unsigned int id;
+    std::string name;
+  };
+  // Emits the pending events in the order of the changes, with no lock held. One
+  // thread drains at a time; a change made meanwhile (even from inside a subscriber)
+  // is emitted by that thread after the current event.
+  void drainEvents();
+
   mutable std::mutex _mutex;
   // Guarded by _mutex.
   std::map<unsigned int, Entry> _services;
   // Guarded by _mutex.
   unsigned int _nextId = Session::kDirectoryId + 1;
+  // Guarded by _mutex: owners (sessions) that have closed.
+  std::set<std::uint64_t> _closedOwners;
+  // Guarded by _mutex: changes not yet announced, oldest first, and whether a thread is
+  // announcing them.
+  std::deque<Event> _pending;
+  bool _draining = false;
 };
 
 }  // namespace detail

@@ -80,7 +80,7 @@ void Session::close() {
   if (_state->closed.exchange(true)) {
     return;
   }
-  _directory->unregisterOwner(_state->id);
+  _directory->closeOwner(_state->id);
 }
 
 bool Session::isConnected() const {

@@ -82,16 +82,18 @@ SignalLink SignalBase::connect(const SignalSubscriber& subscriber) {
   if (!subscriber.isValid()) {
     throw std::invalid_argument("Cannot connect an empty subscriber");
   }
+  const std::size_t takes = subscriber.function().parameterTypes().size();
+  if (takes != _argumentTypes.size()) {
+    throw std::invalid_argument("A subscriber taking " + std::to_string(takes) +
+                                " arguments cannot connect to a signal of " +
+                                signature().toString());
+  }
   const SignalLink link = nextLink.fetch_add(1);
-  bool first;
   {
     std::lock_guard<std::mutex> lock(_mutex);
-    first = _subscribers.empty();
     _subscribers.emplace(link, std::make_shared<detail::SubscriberEntry>(subscriber));
   }
-  if (first && _onSubscribers) {
-    _onSubscribers(true);
-  }
+  notifySubscribers();
   return link;
 }
 
@@ -107,10 +109,11 @@ bool SignalBase::disconnect(SignalLink link) {
     entry = std::move(it->second);
     _subscribers.erase(it);
     last = _subscribers.empty();
+    (void)last;
   }
   entry->close();
-  if (last && _onSubscribers) {
-    _onSubscribers(false);
+  if (last) {
+    notifySubscribers();
   }
   return true;
 }
@@ -124,8 +127,22 @@ void SignalBase::disconnectAll() {
   for (auto& entry : all) {
     entry.second->close();
   }
-  if (!all.empty() && _onSubscribers) {
-    _onSubscribers(false);
+  if (!all.empty()) {
+    notifySubscribers();
+  }
+}
+
+void SignalBase::notifySubscribers() {
+  if (!_onSubscribers) {
+    return;
+  }
+  // One notifier at a time, each reporting the state as it is then, so concurrent
+  // connects and disconnects can never leave the last report contradicting the state.
+  std::lock_guard<std::mutex> notifying(_notifyMutex);
+  const bool has = hasSubscribers();
+  if (has != _reportedSubscribers) {
+    _reportedSubscribers = has;
+    _onSubscribers(has);
   }
 }
 

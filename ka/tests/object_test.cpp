@@ -266,6 +266,70 @@ TEST(ThreadingModel, SingleThreadedObjectMayCallItself) {
   self->reset();
 }
 
+TEST(ThreadingModel, SingleThreadedObjectThatWaitsOnItsOwnQueuedCallCompletes) {
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::SingleThread);
+  auto self = std::make_shared<ka::AnyObject>();
+  b.advertiseMethod(
+      "inner", []() { return 1; }, ka::MetaCallType::Queued);
+  b.advertiseMethod("outer", [self]() { return (*self)->async<int>("inner").value(kWaitMs) + 1; });
+  *self = b.object();
+  EXPECT_EQ((*self)->call<int>("outer"), 2);
+  self->reset();
+}
+
+TEST(ThreadingModel, SingleThreadedObjectsCallingEachOtherAcrossThreadsDoNotDeadlock) {
+  // x.a waits for y.b on the event loop, and y.b calls back into x.
+  auto x = std::make_shared<ka::AnyObject>();
+  auto y = std::make_shared<ka::AnyObject>();
+  ka::DynamicObjectBuilder bx;
+  bx.setThreadingModel(ka::ObjectThreadingModel::SingleThread);
+  bx.advertiseMethod("a", [y]() { return (*y)->async<int>("b").value(kWaitMs); });
+  bx.advertiseMethod("c", []() { return 3; });
+  ka::DynamicObjectBuilder by;
+  by.setThreadingModel(ka::ObjectThreadingModel::SingleThread);
+  by.advertiseMethod("b", [x]() { return (*x)->call<int>("c") * 2; });
+  *x = bx.object();
+  *y = by.object();
+  EXPECT_EQ((*x)->call<int>("a"), 6);
+  x->reset();
+  y->reset();
+}
+
+struct OpaqueA {};
+struct OpaqueB {};
+
+TEST(OverloadResolution, TellsTypesWithoutMiddlewareMeaningApartByIdentity) {
+  ka::DynamicObjectBuilder b;
+  b.advertiseMethod("f", [](const OpaqueA&) { return std::string("A"); });
+  b.advertiseMethod("f", [](const OpaqueB&) { return std::string("B"); });
+  ka::AnyObject o = b.object();
+  EXPECT_EQ(o->call<std::string>("f", OpaqueB{}), "B");
+  EXPECT_EQ(o->call<std::string>("f", OpaqueA{}), "A");
+}
+
+TEST(SignalLinks, CanBeDisconnectedThroughAnyHandleOfTheInstance) {
+  auto instance = boost::make_shared<Calculator>();
+  registerCalculator();
+  int calls = 0;
+  ka::SignalLink link;
+  {
+    ka::AnyObject first = ka::makeObject(instance);
+    link = first->connect("changed", [&](int, const std::string&) { ++calls; }).value(kWaitMs);
+  }
+  ka::AnyObject second = ka::makeObject(instance);
+  second->disconnect(link).value(kWaitMs);
+  instance->changed(1, "x");
+  EXPECT_EQ(calls, 0);
+}
+
+TEST(SignalLinks, RefuseSubscribersWithTheWrongNumberOfParameters) {
+  auto instance = boost::make_shared<Calculator>();
+  registerCalculator();
+  ka::AnyObject o = ka::makeObject(instance);
+  EXPECT_TRUE(o->connect("changed", [](int) {}).hasError(kWaitMs));
+}
+
 TEST(DynamicObject, ResolvesOverloadsOfLambdasAndRefusesDuplicateIds) {
   ka::DynamicObjectBuilder b;
   b.advertiseMethod("f", [](int) { return std::string("int"); });

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -85,8 +86,9 @@ TEST(ServiceRegistry, RefusesDuplicateEmptyAndNullRegistrations) {
 }
 
 TEST(ServiceDirectorySignals, ArriveForEachRegistrationAndUnregistration) {
-  auto session = ka::makeSession();
+  // Declared first: closing the session at the end still announces removals to it.
   DirectoryEvents events;
+  auto session = ka::makeSession();
   events.attach(session);
   const unsigned a = session->registerService("A", echoObject()).value(kWaitMs);
   const unsigned b = session->registerService("B", echoObject()).value(kWaitMs);
@@ -98,9 +100,9 @@ TEST(ServiceDirectorySignals, ArriveForEachRegistrationAndUnregistration) {
 }
 
 TEST(ServiceDirectorySignals, ClosingASessionRemovesOnlyItsOwnServices) {
+  DirectoryEvents events;
   auto first = ka::makeSession();
   auto second = ka::makeSession(first);
-  DirectoryEvents events;
   events.attach(first);
   first->registerService("Kept", echoObject()).value(kWaitMs);
   const unsigned gone = second->registerService("Gone", echoObject()).value(kWaitMs);
@@ -111,6 +113,40 @@ TEST(ServiceDirectorySignals, ClosingASessionRemovesOnlyItsOwnServices) {
   const auto got = events.waitFor(3);
   EXPECT_EQ(got.back(), "-" + std::to_string(gone) + "Gone");
   EXPECT_TRUE(first->service("Kept").hasValue(kWaitMs));
+}
+
+TEST(ServiceDirectorySignals, AnnounceEachServiceAddedBeforeItIsRemovedUnderConcurrency) {
+  DirectoryEvents events;
+  auto session = ka::makeSession();
+  events.attach(session);
+  const int threads = 4;
+  const int perThread = 100;
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t) {
+    workers.emplace_back([&, t] {
+      for (int i = 0; i < perThread; ++i) {
+        const unsigned id =
+            session
+                ->registerService("C" + std::to_string(t) + "_" + std::to_string(i), echoObject())
+                .value(kWaitMs);
+        session->unregisterService(id).value(kWaitMs);
+      }
+    });
+  }
+  for (auto& w : workers) {
+    w.join();
+  }
+  const auto got = events.waitFor(2u * threads * perThread);
+  ASSERT_EQ(got.size(), 2u * threads * perThread);
+  std::set<std::string> added;
+  for (const auto& e : got) {
+    const std::string key = e.substr(1);
+    if (e[0] == '+') {
+      added.insert(key);
+    } else {
+      EXPECT_EQ(added.count(key), 1u) << "removal announced before addition: " << e;
+    }
+  }
 }
 
 TEST(ServiceDirectoryObject, ListsAndLooksUpServicesThroughItsMethods) {

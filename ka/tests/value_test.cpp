@@ -175,6 +175,26 @@ TEST(FloatConversion, ConvertsIntegralValuesAndRefusesLoss) {
   EXPECT_THROW(ka::AnyValue(1e300).to<float>(), ka::ConversionError);
 }
 
+TEST(FloatConversion, TakesIntegersOnlyWhenTheFloatHoldsThemExactly) {
+  EXPECT_DOUBLE_EQ(ka::AnyValue(std::int64_t{1} << 53).to<double>(), 9007199254740992.0);
+  EXPECT_THROW(ka::AnyValue((std::int64_t{1} << 53) + 1).to<double>(), ka::ConversionError);
+  EXPECT_THROW(ka::AnyValue(16777217).to<float>(), ka::ConversionError);
+  EXPECT_FLOAT_EQ(ka::AnyValue(16777216).to<float>(), 16777216.0f);
+  EXPECT_THROW(ka::AnyValue(std::numeric_limits<std::uint64_t>::max()).to<double>(),
+               ka::ConversionError);
+  EXPECT_DOUBLE_EQ(ka::AnyValue(std::numeric_limits<std::int64_t>::min()).to<double>(),
+                   -9223372036854775808.0);
+}
+
+TEST(ValueRelease, LeavesTheValueEmpty) {
+  ka::AnyValue v(std::string("owned elsewhere now"));
+  const ka::TypeInterface* type = v.type();
+  void* storage = v.release();
+  EXPECT_FALSE(v.isValid());
+  EXPECT_EQ(ka::AnyValue(v).rawValue(), nullptr);
+  type->destroy(storage);
+}
+
 TEST(StringConversion, OnlyToAndFromStrings) {
   EXPECT_EQ(ka::AnyValue("abc").to<std::string>(), "abc");
   EXPECT_THROW(ka::AnyValue("42").to<int>(), ka::ConversionError);

@@ -42,6 +42,12 @@ struct FunctionTraits<R (C::*)(A...)> : FunctionTraits<R(A...)> {};
 template <typename R, typename C, typename... A>
 struct FunctionTraits<R (C::*)(A...) const> : FunctionTraits<R(A...)> {};
 template <typename R, typename... A>
+struct FunctionTraits<R (*)(A...) noexcept> : FunctionTraits<R(A...)> {};
+template <typename R, typename C, typename... A>
+struct FunctionTraits<R (C::*)(A...) noexcept> : FunctionTraits<R(A...)> {};
+template <typename R, typename C, typename... A>
+struct FunctionTraits<R (C::*)(A...) const noexcept> : FunctionTraits<R(A...)> {};
+template <typename R, typename... A>
 struct FunctionTraits<boost::function<R(A...)>> : FunctionTraits<R(A...)> {};
 template <typename R, typename... A>
 struct FunctionTraits<std::function<R(A...)>> : FunctionTraits<R(A...)> {};
@@ -64,8 +70,18 @@ class KA_API PreparedArguments {
   std::vector<AnyValue> _converted;
 };
 
+// Parameters receive the middleware's storage as lvalues, which the caller may have
+// lent read-only: only values and const references are accepted.
+template <typename A>
+constexpr bool isAcceptedParameter() {
+  return !std::is_rvalue_reference<A>::value &&
+         !(std::is_lvalue_reference<A>::value && !std::is_const<std::remove_reference_t<A>>::value);
+}
+
 template <typename R, typename F, typename... A, std::size_t... I>
 AnyValue invokeWith(F& f, void* const* args, std::index_sequence<I...>) {
+  static_assert((isAcceptedParameter<A>() && ...),
+                "parameters must be taken by value or by const reference");
   if constexpr (std::is_void<R>::value) {
     f(*static_cast<std::remove_cv_t<std::remove_reference_t<A>>*>(args[I])...);
     return AnyValue::makeVoid();

@@ -119,7 +119,8 @@ class KA_API AnyValue : public AnyReference {
 
   const AnyReference& asReference() const { return *this; }
   void reset();
-  // Gives up ownership of the storage; the caller must destroy it with type()->destroy.
+  // Gives up the storage and leaves this value empty; the caller must destroy the
+  // storage with the type it had.
   void* release();
 
  private:

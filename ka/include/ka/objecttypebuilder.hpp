@@ -122,6 +122,18 @@ class ObjectTypeBuilder {
     });
   }
 
+  template <typename R, typename C, typename... A>
+  unsigned int addMethod(const std::string& name, R (C::*method)(A...) noexcept,
+                         MetaCallType callType, int id) {
+    return addMethod(name, static_cast<R (C::*)(A...)>(method), callType, id);
+  }
+
+  template <typename R, typename C, typename... A>
+  unsigned int addMethod(const std::string& name, R (C::*method)(A...) const noexcept,
+                         MetaCallType callType, int id) {
+    return addMethod(name, static_cast<R (C::*)(A...) const>(method), callType, id);
+  }
+
   template <typename R, typename... A>
   unsigned int addInvoker(const std::string& name, MetaCallType callType, int id,
                           ObjectType::MethodInvoker invoker) {

@@ -47,7 +47,8 @@ class KA_API Session : public boost::enable_shared_from_this<Session> {
   Future<unsigned int> registerService(const std::string& name, AnyObject object);
   Future<void> unregisterService(unsigned int serviceId);
 
-  // Unregisters this session's services; afterwards every call fails.
+  // Unregisters this session's services ("serviceRemoved" goes out for each, possibly on
+  // this thread); afterwards every call fails. The destructor closes too.
   void close();
   bool isConnected() const;
 

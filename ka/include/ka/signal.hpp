@@ -39,7 +39,8 @@ struct SubscriberEntry;
 // may run concurrently; no lock is held while a subscriber runs.
 class KA_API SignalBase {
  public:
-  // Told true when the first subscriber connects and false when the last leaves.
+  // Told true when the first subscriber connects and false when the last leaves; never
+  // twice the same in a row. Runs on the connecting or disconnecting thread.
   using OnSubscribers = std::function<void(bool hasSubscribers)>;
 
   SignalBase(std::vector<const TypeInterface*> argumentTypes, OnSubscribers onSubscribers = {});
@@ -52,7 +53,8 @@ class KA_API SignalBase {
   Signature signature() const;
   const std::vector<const TypeInterface*>& argumentTypes() const { return _argumentTypes; }
 
-  // Throws std::invalid_argument for an invalid subscriber.
+  // Throws std::invalid_argument for an invalid subscriber or one whose parameter
+  // count differs from the signal's.
   [[nodiscard]] SignalLink connect(const SignalSubscriber& subscriber);
   // After it returns the subscriber is never called again, and no call of it is still
   // running on another thread (a subscriber may disconnect itself). False for an
@@ -68,8 +70,15 @@ class KA_API SignalBase {
   void trigger(const AnyReferenceVector& args, MetaCallType callType = MetaCallType::Auto);
 
  private:
+  void notifySubscribers();
+
   const std::vector<const TypeInterface*> _argumentTypes;
   const OnSubscribers _onSubscribers;
+  // Serialises the calls of _onSubscribers (held while it runs; it is the signal owner's
+  // own hook, not a subscriber).
+  std::mutex _notifyMutex;
+  // Guarded by _notifyMutex.
+  bool _reportedSubscribers = false;
   mutable std::mutex _mutex;
   // Guarded by _mutex.
   std::map<SignalLink, std::shared_ptr<detail::SubscriberEntry>> _subscribers;
@@ -88,9 +97,10 @@ class Signal : public SignalBase {
   template <typename F,
             typename = std::enable_if_t<!std::is_base_of<SignalSubscriber, std::decay_t<F>>::value>>
   [[nodiscard]] SignalLink connect(F&& f, MetaCallType callType = MetaCallType::Auto) {
-    return connect(SignalSubscriber(
-        AnyFunction::from<void(T...)>([fn = std::forward<F>(f)](const T&... a) { fn(a...); }),
-        callType));
+    return connect(
+        SignalSubscriber(AnyFunction::from<void(T...)>(
+                             [fn = std::forward<F>(f)](const T&... a) mutable { fn(a...); }),
+                         callType));
   }
 
   void operator()(const T&... args) { trigger(AnyReferenceVector{AnyReference::from(args)...}); }

@@ -5,13 +5,19 @@
 
 #include <ka/api.hpp>
 
+#include <utility>
+#include <vector>
+
 namespace ka {
 namespace detail {
 
 class WorkerPool;
+class SerialGate;
 
-// On a thread that is not an EventLoop worker this does nothing. Scopes may nest; only the
-// outermost one counts. Must be destroyed on the thread that created it.
+// On a thread that is not an EventLoop worker the pool part does nothing. The outermost
+// scope also lets other calls into the single-threaded objects this thread is serving
+// while it blocks, and waits for its turn again when the block ends. Scopes may nest; only
+// the outermost one counts. Must be destroyed on the thread that created it.
 class KA_API BlockingScope {
  public:
   BlockingScope();
@@ -21,6 +27,8 @@ class KA_API BlockingScope {
 
  private:
   WorkerPool* pool_;  // the pool told about this block, or null when none was
+  bool outermost_;
+  std::vector<std::pair<SerialGate*, int>> suspended_;  // gates given up for the block
 };
 
 }  // namespace detail
