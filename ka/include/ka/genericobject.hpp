@@ -72,12 +72,17 @@ class KA_API GenericObject : public boost::enable_shared_from_this<GenericObject
 
 namespace detail {
 
-// Converts a call result to R with the documented error text.
+// Converts a call result to R with the documented error text; a result that already
+// has the type R is moved out rather than copied.
 template <typename R>
-R convertCallResult(const AnyValue& result) {
+R convertCallResult(AnyValue result) {
   if constexpr (std::is_void<R>::value) {
     (void)result;
   } else {
+    using D = std::remove_cv_t<std::remove_reference_t<R>>;
+    if (result.isValid() && sameType(result.type(), typeOf<D>())) {
+      return std::move(*static_cast<D*>(result.rawValue()));
+    }
     try {
       return result.to<R>();
     } catch (const std::exception&) {
@@ -92,10 +97,9 @@ R convertCallResult(const AnyValue& result) {
 
 template <typename R, typename... A>
 R GenericObject::call(const std::string& name, const A&... args) {
-  const AnyValue result =
+  return detail::convertCallResult<R>(
       metaCall(name, AnyReferenceVector{AnyReference::from(args)...}, MetaCallType::Auto)
-          .value(FutureTimeout_Infinite);
-  return detail::convertCallResult<R>(result);
+          .value(FutureTimeout_Infinite));
 }
 
 template <typename R, typename... A>
