@@ -1,3 +1,4 @@
+#include <ka/detail/memberid.hpp>
 #include <ka/dynamicobjectbuilder.hpp>
 
 #include "localobject.hpp"
@@ -16,24 +17,6 @@ struct DynamicInstance {
   std::vector<AnyFunction> functions;
   std::vector<std::unique_ptr<SignalBase>> signals;
 };
-
-template <typename Meta>
-unsigned int pickId(int id, const std::vector<Meta>& existing) {
-  if (id >= 0) {
-    for (const auto& m : existing) {
-      if (m.uid == static_cast<unsigned int>(id)) {
-        throw std::logic_error("Id " + std::to_string(id) + " is already used by \"" + m.name +
-                               "\"");
-      }
-    }
-    return static_cast<unsigned int>(id);
-  }
-  unsigned int next = 0;
-  for (const auto& m : existing) {
-    next = std::max(next, m.uid + 1);
-  }
-  return next;
-}
 
 }  // namespace
 
@@ -54,7 +37,7 @@ unsigned int DynamicObjectBuilder::advertiseMethod(const std::string& name, AnyF
     throw std::invalid_argument("Cannot advertise \"" + name + "\" with an empty function");
   }
   MetaMethod meta;
-  meta.uid = pickId(id, _d->methods);
+  meta.uid = detail::pickMemberId(id, _d->methods);
   meta.name = name;
   meta.parameterTypes = function.parameterTypes();
   meta.returnType = function.resultType();
@@ -68,7 +51,7 @@ unsigned int DynamicObjectBuilder::advertiseSignal(const std::string& name,
                                                    std::vector<const TypeInterface*> argumentTypes,
                                                    int id) {
   MetaSignal meta;
-  meta.uid = pickId(id, _d->signals);
+  meta.uid = detail::pickMemberId(id, _d->signals);
   meta.name = name;
   meta.argumentTypes = std::move(argumentTypes);
   _d->signals.push_back(std::move(meta));

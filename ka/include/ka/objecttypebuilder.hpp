@@ -3,6 +3,7 @@
 // the middleware object that serves a T.
 
 #include <ka/anyfunction.hpp>
+#include <ka/detail/memberid.hpp>
 #include <ka/metacalltype.hpp>
 #include <ka/objecttype.hpp>
 #include <ka/signal.hpp>
@@ -52,7 +53,7 @@ class ObjectTypeBuilder {
                   "advertiseSignal needs a ka::Signal member");
     static_assert(std::is_base_of<C, T>::value, "the signal must be a member of T or of a base");
     MetaSignal meta;
-    meta.uid = pickId(id, _signals);
+    meta.uid = detail::pickMemberId(id, _signals);
     meta.name = name;
     meta.argumentTypes = S::staticArgumentTypes();
     _signals.push_back(meta);
@@ -82,24 +83,6 @@ class ObjectTypeBuilder {
   void registerType() { ka::registerType(typeid(T), type()); }
 
  private:
-  template <typename Meta>
-  static unsigned int pickId(int id, const std::vector<Meta>& existing) {
-    if (id >= 0) {
-      for (const auto& m : existing) {
-        if (m.uid == static_cast<unsigned int>(id)) {
-          throw std::logic_error("Id " + std::to_string(id) + " is already used by \"" + m.name +
-                                 "\"");
-        }
-      }
-      return static_cast<unsigned int>(id);
-    }
-    unsigned int next = 0;
-    for (const auto& m : existing) {
-      next = std::max(next, m.uid + 1);
-    }
-    return next;
-  }
-
   template <typename R, typename C, typename... A>
   unsigned int addMethod(const std::string& name, R (C::*method)(A...), MetaCallType callType,
                          int id) {
@@ -138,7 +121,7 @@ class ObjectTypeBuilder {
   unsigned int addInvoker(const std::string& name, MetaCallType callType, int id,
                           ObjectType::MethodInvoker invoker) {
     MetaMethod meta;
-    meta.uid = pickId(id, _methods);
+    meta.uid = detail::pickMemberId(id, _methods);
     meta.name = name;
     meta.parameterTypes = {typeOf<A>()...};
     meta.returnType = typeOf<R>();
