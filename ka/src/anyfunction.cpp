@@ -52,13 +52,11 @@ PreparedArguments::PreparedArguments(const std::vector<const TypeInterface*>& pa
       }
       _converted.push_back(args[i].convert(parameters[i]));
     } catch (const ConversionError& e) {
-      // The conversion's own text starts with the same types; keep only its reason.
-      const std::string text = e.what();
-      const auto colon = text.find("': ");
+      // The conversion names the same two types; add only its reason.
       throw ArgumentError("Cannot convert argument " + std::to_string(i + 1) + " from '" +
                           args[i].signature(true).toString() + "' to '" +
                           parameters[i]->signature().toString() + "'" +
-                          (colon == std::string::npos ? "" : text.substr(colon + 1)));
+                          (e.reason().empty() ? "" : ": " + e.reason()));
     } catch (const std::exception& e) {
       throw ArgumentError("Cannot convert argument " + std::to_string(i + 1) + " from '" +
                           args[i].signature(true).toString() + "' to '" +

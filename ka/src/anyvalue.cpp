@@ -7,7 +7,8 @@ ConversionError::ConversionError(const std::string& from, const std::string& to,
     : std::runtime_error("Cannot convert '" + from + "' to '" + to + "'" +
                          (reason.empty() ? std::string() : ": " + reason)),
       _from(from),
-      _to(to) {}
+      _to(to),
+      _reason(reason) {}
 
 // ---- AnyValue ownership ----
 

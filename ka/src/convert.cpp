@@ -22,29 +22,11 @@ const std::string& sig(const TypeInterface* t) {
   throw ConversionError(sig(from), sig(to), reason);
 }
 
-// Owns the storage it allocates until released into an AnyValue, so an exception in
-// the middle of a container conversion leaks nothing.
-class Storage {
- public:
-  explicit Storage(const TypeInterface* type) : _type(type), _ptr(type->initializeStorage()) {}
-  Storage(const Storage&) = delete;
-  Storage& operator=(const Storage&) = delete;
-  ~Storage() {
-    if (_ptr != nullptr) {
-      _type->destroy(_ptr);
-    }
-  }
-  void* get() const { return _ptr; }
-  AnyValue release() {
-    void* p = _ptr;
-    _ptr = nullptr;
-    return AnyValue(_type, p, true);
-  }
-
- private:
-  const TypeInterface* _type;
-  void* _ptr;
-};
+// A default value of `type`, owned from the start so that an exception in the middle of
+// a container conversion leaks nothing.
+AnyValue fresh(const TypeInterface* type) {
+  return AnyValue(type, type->initializeStorage(), true);
+}
 
 struct IntRange {
   bool isSigned;
@@ -83,9 +65,9 @@ AnyValue intFromInt(const IntTypeInterface* from, const void* storage, const Int
   if (!ok) {
     fail(from, to, text + " is out of range");
   }
-  Storage out(to);
-  to->set(out.get(), raw);
-  return out.release();
+  AnyValue out = fresh(to);
+  to->set(out.rawValue(), raw);
+  return out;
 }
 
 AnyValue intFromFloat(const FloatTypeInterface* from, const void* storage,
@@ -103,13 +85,13 @@ AnyValue intFromFloat(const FloatTypeInterface* from, const void* storage,
   if (d < static_cast<double>(r.min) || d >= upperExclusive) {
     fail(from, to, std::to_string(d) + " is out of range");
   }
-  Storage out(to);
+  AnyValue out = fresh(to);
   if (d < 0) {
-    to->set(out.get(), static_cast<std::int64_t>(d));
+    to->set(out.rawValue(), static_cast<std::int64_t>(d));
   } else {
-    to->set(out.get(), static_cast<std::int64_t>(static_cast<std::uint64_t>(d)));
+    to->set(out.rawValue(), static_cast<std::int64_t>(static_cast<std::uint64_t>(d)));
   }
-  return out.release();
+  return out;
 }
 
 AnyValue floatFromNumber(const TypeInterface* from, const void* storage,
@@ -144,33 +126,33 @@ AnyValue floatFromNumber(const TypeInterface* from, const void* storage,
   if (to->size() == 4 && std::isfinite(d) && std::fabs(d) > FLT_MAX) {
     fail(from, to, std::to_string(d) + " is out of range");
   }
-  Storage out(to);
-  to->set(out.get(), d);
-  return out.release();
+  AnyValue out = fresh(to);
+  to->set(out.rawValue(), d);
+  return out;
 }
 
 AnyValue convertImpl(const AnyReference& src, const TypeInterface* to);
 
 AnyValue listFromList(const ListTypeInterface* from, void* storage, const ListTypeInterface* to) {
-  Storage out(to);
+  AnyValue out = fresh(to);
   const std::size_t n = from->size(storage);
-  to->reserve(out.get(), n);
+  to->reserve(out.rawValue(), n);
   for (std::size_t i = 0; i < n; ++i) {
     AnyValue e = convertImpl(AnyReference(from->elementType(), from->element(storage, i)),
                              to->elementType());
-    to->pushBack(out.get(), e.rawValue());
+    to->pushBack(out.rawValue(), e.rawValue());
   }
-  return out.release();
+  return out;
 }
 
 AnyValue mapFromMap(const MapTypeInterface* from, void* storage, const MapTypeInterface* to) {
-  Storage out(to);
+  AnyValue out = fresh(to);
   from->forEach(storage, [&](const void* k, void* v) {
     AnyValue key = convertImpl(AnyReference(from->keyType(), const_cast<void*>(k)), to->keyType());
     AnyValue value = convertImpl(AnyReference(from->elementType(), v), to->elementType());
-    to->insert(out.get(), key.rawValue(), value.rawValue());
+    to->insert(out.rawValue(), key.rawValue(), value.rawValue());
   });
-  return out.release();
+  return out;
 }
 
 AnyValue tupleFromTuple(const TupleTypeInterface* from, void* storage,
@@ -180,12 +162,12 @@ AnyValue tupleFromTuple(const TupleTypeInterface* from, void* storage,
   if (fm.size() != tm.size()) {
     fail(from, to, "tuples differ in size");
   }
-  Storage out(to);
+  AnyValue out = fresh(to);
   for (std::size_t i = 0; i < fm.size(); ++i) {
     AnyValue m = convertImpl(AnyReference(fm[i], from->member(storage, i)), tm[i]);
-    tm[i]->assign(to->member(out.get(), i), m.rawValue());
+    tm[i]->assign(to->member(out.rawValue(), i), m.rawValue());
   }
-  return out.release();
+  return out;
 }
 
 AnyValue convertImpl(const AnyReference& src, const TypeInterface* to) {
@@ -197,9 +179,9 @@ AnyValue convertImpl(const AnyReference& src, const TypeInterface* to) {
     return AnyValue(src);
   }
   if (to->kind() == TypeKind::Dynamic) {
-    Storage out(to);
-    static_cast<const DynamicTypeInterface*>(to)->setContent(out.get(), src);
-    return out.release();
+    AnyValue out = fresh(to);
+    static_cast<const DynamicTypeInterface*>(to)->setContent(out.rawValue(), src);
+    return out;
   }
   if (from->kind() == TypeKind::Dynamic) {
     const AnyReference inner = src.content();
@@ -227,10 +209,10 @@ AnyValue convertImpl(const AnyReference& src, const TypeInterface* to) {
       break;
     case TypeKind::String:
       if (from->kind() == TypeKind::String) {
-        Storage out(to);
+        AnyValue out = fresh(to);
         static_cast<const StringTypeInterface*>(to)->set(
-            out.get(), static_cast<const StringTypeInterface*>(from)->get(storage));
-        return out.release();
+            out.rawValue(), static_cast<const StringTypeInterface*>(from)->get(storage));
+        return out;
       }
       break;
     case TypeKind::List:
@@ -258,10 +240,10 @@ AnyValue convertImpl(const AnyReference& src, const TypeInterface* to) {
       break;
     case TypeKind::Object:
       if (from->kind() == TypeKind::Object) {
-        Storage out(to);
+        AnyValue out = fresh(to);
         static_cast<const ObjectTypeInterface*>(to)->setObject(
-            out.get(), static_cast<const ObjectTypeInterface*>(from)->object(storage));
-        return out.release();
+            out.rawValue(), static_cast<const ObjectTypeInterface*>(from)->object(storage));
+        return out;
       }
       break;
     case TypeKind::Dynamic:

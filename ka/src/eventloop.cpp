@@ -331,21 +331,13 @@ BlockingScope::BlockingScope()
 }
 
 BlockingScope::~BlockingScope() {
+  // Taking the gates back is part of the wait: it happens while still counted as blocked.
+  if (outermost_ && !suspended_.empty()) {
+    resumeSerialGates(suspended_);
+  }
   --tlsBlockingDepth;
   if (pool_ != nullptr) {
     pool_->leaveBlocking();
-  }
-  if (outermost_ && !suspended_.empty()) {
-    // Taking the gates back is itself a wait; count it as blocked time for the pool.
-    ++tlsBlockingDepth;
-    if (pool_ != nullptr) {
-      pool_->enterBlocking();
-    }
-    resumeSerialGates(suspended_);
-    if (pool_ != nullptr) {
-      pool_->leaveBlocking();
-    }
-    --tlsBlockingDepth;
   }
 }
 

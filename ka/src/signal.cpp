@@ -109,7 +109,6 @@ bool SignalBase::disconnect(SignalLink link) {
     entry = std::move(it->second);
     _subscribers.erase(it);
     last = _subscribers.empty();
-    (void)last;
   }
   entry->close();
   if (last) {

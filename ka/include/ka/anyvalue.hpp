@@ -25,10 +25,13 @@ class KA_API ConversionError : public std::runtime_error {
   ConversionError(const std::string& from, const std::string& to, const std::string& reason);
   const std::string& from() const { return _from; }
   const std::string& to() const { return _to; }
+  // Why it failed ("5000000000 is out of range"); may be empty.
+  const std::string& reason() const { return _reason; }
 
  private:
   std::string _from;
   std::string _to;
+  std::string _reason;
 };
 
 // A non-owning, typed view: the storage must outlive the reference. Copying copies

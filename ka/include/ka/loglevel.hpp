@@ -16,44 +16,9 @@ enum class LogLevel : int {
 
 // One-letter tag used in log lines ("W" for Warning); "?" for a value outside the enum.
 constexpr const char* logLevelLetter(LogLevel level) noexcept {
-  switch (level) {
-    case LogLevel::Silent:
-      return "S";
-    case LogLevel::Fatal:
-      return "F";
-    case LogLevel::Error:
-      return "E";
-    case LogLevel::Warning:
-      return "W";
-    case LogLevel::Info:
-      return "I";
-    case LogLevel::Verbose:
-      return "V";
-    case LogLevel::Debug:
-      return "D";
-  }
-  return "?";
-}
-
-// Lower-case name ("warning"); "?" for a value outside the enum.
-constexpr const char* logLevelName(LogLevel level) noexcept {
-  switch (level) {
-    case LogLevel::Silent:
-      return "silent";
-    case LogLevel::Fatal:
-      return "fatal";
-    case LogLevel::Error:
-      return "error";
-    case LogLevel::Warning:
-      return "warning";
-    case LogLevel::Info:
-      return "info";
-    case LogLevel::Verbose:
-      return "verbose";
-    case LogLevel::Debug:
-      return "debug";
-  }
-  return "?";
+  constexpr const char* kLetters[] = {"S", "F", "E", "W", "I", "V", "D"};
+  const int index = static_cast<int>(level);
+  return index >= 0 && index <= static_cast<int>(LogLevel::Debug) ? kLetters[index] : "?";
 }
 
 }  // namespace ka
