@@ -83,9 +83,7 @@ TEST_F(PublishedObject, ChoosesTheOverloadWhoseParameterOrderMatches) {
   EXPECT_EQ(calc->call<std::string>("describe", 2, std::string("b")), "is:2b");
   EXPECT_EQ(calc->call<int>("twice", 21), 42);
   EXPECT_EQ(calc->call<std::string>("twice", std::string("ab")), "abab");
-}
-
-TEST_F(PublishedObject, ConvertsA64BitArgumentThatFitsTheOnlyCandidate) {
+  // A 64-bit argument that fits goes to the one overload it converts to.
   EXPECT_EQ(calc->call<int>("twice", std::int64_t{5}), 10);
   EXPECT_EQ(calc->call<std::string>("describe", std::int64_t{3}, std::string("x")), "is:3x");
 }
@@ -121,10 +119,7 @@ TEST_F(PublishedObject, PassesTheMethodsExceptionTextToTheCaller) {
     EXPECT_STREQ(e.what(), "calculator broke");
   }
   EXPECT_EQ(calc->call<int>("twice", 1), 2) << "the object stays usable";
-}
-
-TEST_F(PublishedObject, ReturnsAnEmptyDynamicResultAsAnEmptyValue) {
-  EXPECT_FALSE(calc->call<ka::AnyValue>("nothing").isValid());
+  EXPECT_FALSE(calc->call<ka::AnyValue>("nothing").isValid()) << "an empty result stays empty";
 }
 
 TEST_F(PublishedObject, AnswersAsynchronousCallsThroughFutures) {
@@ -135,33 +130,20 @@ TEST_F(PublishedObject, AnswersAsynchronousCallsThroughFutures) {
 }
 
 TEST_F(PublishedObject, DeliversItsSignalToSubscribersConnectedByName) {
-  std::mutex m;
-  std::condition_variable cv;
   std::vector<std::string> got;
-  const ka::SignalLink link = calc->connect("changed",
-                                            [&](int i, const std::string& s) {
-                                              std::lock_guard<std::mutex> lock(m);
-                                              got.push_back(std::to_string(i) + s);
-                                              cv.notify_all();
-                                            })
-                                  .value(kWaitMs);
+  const ka::SignalLink link =
+      calc->connect("changed",
+                    [&](int i, const std::string& s) { got.push_back(std::to_string(i) + s); })
+          .value(kWaitMs);
   instance->changed(1, "a");
   calc->post("changed", 2, std::string("b"));
-  {
-    std::unique_lock<std::mutex> lock(m);
-    ASSERT_TRUE(
-        cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return got.size() == 2; }));
-  }
   EXPECT_EQ(got, (std::vector<std::string>{"1a", "2b"}));
   calc->disconnect(link).value(kWaitMs);
   instance->changed(3, "c");
   EXPECT_EQ(got.size(), 2u);
   EXPECT_TRUE(calc->disconnect(link).hasError(kWaitMs)) << "a link goes only once";
   EXPECT_TRUE(calc->connect("nope", [](int) {}).hasError(kWaitMs));
-}
-
-TEST_F(PublishedObject, KeepsOneIdentityPerInstance) {
-  EXPECT_EQ(ka::makeObject(instance), calc);
+  EXPECT_EQ(ka::makeObject(instance), calc) << "one object per instance";
 }
 
 struct NeverRegistered {};
@@ -349,9 +331,6 @@ TEST(DynamicObject, ResolvesOverloadsOfLambdasAndRefusesDuplicateIds) {
 
 TEST(DynamicObject, RunsQueuedMethodsOnTheEventLoop) {
   ka::DynamicObjectBuilder b;
-  b.advertiseMethod(
-      "where", []() { return std::this_thread::get_id() != std::thread::id(); },
-      ka::MetaCallType::Queued);
   std::thread::id ran;
   b.advertiseMethod(
       "tid", [&ran]() { ran = std::this_thread::get_id(); }, ka::MetaCallType::Queued);

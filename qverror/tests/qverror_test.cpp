@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <stdexcept>
-#include <string>
 
 namespace {
 
@@ -13,47 +11,27 @@ QV::QVError serviceMissing() {
                      "src/qvuserinfo", 43);
 }
 
-}  // namespace
-
-TEST(QVErrorFields, KeepsEveryValueItWasBuiltWith) {
-  const QV::QVError e = serviceMissing();
-  EXPECT_EQ(e.module(), "QVUserInfo");
-  EXPECT_EQ(e.method(), "QVUserInfo");
-  EXPECT_EQ(e.description(), "Can't find service \"ServiceDirectory\"");
-  EXPECT_EQ(e.file(), "src/qvuserinfo");
-  EXPECT_EQ(e.line(), 43u);
-}
-
-TEST(QVErrorWhat, NamesModuleMethodDescriptionAndPosition) {
+TEST(QVErrorWhat, NamesModuleMethodDescriptionAndThePositionOnlyWhenTheFileIsKnown) {
   EXPECT_STREQ(serviceMissing().what(),
                "QVUserInfo::QVUserInfo(): Can't find service \"ServiceDirectory\" "
                "(src/qvuserinfo:43)");
-}
-
-TEST(QVErrorWhat, LeavesOutThePositionWhenTheFileIsUnknown) {
-  const QV::QVError e("QVUserInfo", "getUser", "User 7 does not exist", "", 12);
-  EXPECT_STREQ(e.what(), "QVUserInfo::getUser(): User 7 does not exist");
+  EXPECT_STREQ(QV::QVError("QVUserInfo", "getUser", "User 7 does not exist", "", 12).what(),
+               "QVUserInfo::getUser(): User 7 does not exist");
 }
 
 TEST(QVErrorCopy, KeepsItsOwnTextAfterTheOriginalIsGone) {
   auto original = std::make_unique<QV::QVError>(serviceMissing());
-  const std::string expected = original->what();
-  QV::QVError copy(*original);
-  QV::QVError assigned("Other", "method", "other", "", 0);
+  QV::QVError copy(*original), assigned("Other", "method", "other", "", 0);
   assigned = *original;
   original.reset();
-  EXPECT_EQ(copy.what(), expected);
-  EXPECT_EQ(assigned.what(), expected);
-  EXPECT_EQ(assigned.line(), 43u);
+  EXPECT_STREQ(copy.what(), serviceMissing().what());
+  EXPECT_STREQ(assigned.what(), serviceMissing().what());
 }
 
-TEST(QVErrorCatching, IsCaughtAsStdExceptionWithTheSameText) {
-  try {
-    throw serviceMissing();
-  } catch (const std::exception& e) {
-    EXPECT_STREQ(e.what(), serviceMissing().what());
-    EXPECT_NE(dynamic_cast<const QV::QVError*>(&e), nullptr);
-    return;
-  }
-  FAIL() << "QVError was not caught as std::exception";
+// The library hides its symbols: the exception must still match its type outside it.
+TEST(QVErrorCatching, IsCaughtAsItsOwnTypeAndAsStdException) {
+  EXPECT_THROW(throw serviceMissing(), QV::QVError);
+  EXPECT_THROW(throw serviceMissing(), std::exception);
 }
+
+}  // namespace

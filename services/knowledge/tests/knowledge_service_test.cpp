@@ -1,11 +1,16 @@
+// The knowledge store served as "QVKnowledge": signatures, calls, argument checks, parallel reads.
+
 #include <qvknowledge/knowledge_service.hpp>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <map>
-
 #include <atomic>
-#include <thread>
+#include <chrono>
+#include <future>
+#include <set>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -20,89 +25,68 @@ class KnowledgeOverSession : public ::testing::Test {
     QV::registerKnowledgeService(session, ":memory:").value(kWaitMs);
     kb = session->service("QVKnowledge").value(kWaitMs);
   }
-  Strings getObject(const std::string& d, const std::string& s, const std::string& p) {
-    return kb->call<Strings>("getObject", d, s, p);
+  // Calls `method` with string arguments only, as every client of the service does.
+  template <typename R, typename... Args>
+  R call(const std::string& method, const Args&... args) {
+    return kb->call<R>(method, std::string(args)...);
   }
   ka::SessionPtr session;
   ka::AnyObject kb;
 };
 
 TEST_F(KnowledgeOverSession, AdvertisesExactlyTheStringMethods) {
-  std::map<std::string, std::string> sigs;
+  std::set<std::string> methods;
   for (const auto& m : kb->metaObject().methods()) {
-    sigs[m.name] = m.parametersSignature().toString() + m.returnSignature().toString();
+    methods.insert(m.name + m.parametersSignature().toString() + m.returnSignature().toString());
   }
-  EXPECT_EQ(sigs, (std::map<std::string, std::string>{{"getObject", "(sss)[s]"},
-                                                      {"contains", "(ssss)b"},
-                                                      {"update", "(ssss)v"},
-                                                      {"remove", "(ssss)v"},
-                                                      {"queryTriplet", "(ssss)[[s]]"},
-                                                      {"add", "(ssss)v"}}));
+  EXPECT_EQ(methods,
+            (std::set<std::string>{"add(ssss)v", "contains(ssss)b", "getObject(sss)[s]",
+                                   "queryTriplet(ssss)[[s]]", "remove(ssss)v", "update(ssss)v"}));
 }
 
-TEST_F(KnowledgeOverSession, UpdateReplacesEveryEarlierObject) {
-  const std::string d = "dom";
-  kb->call<void>("add", d, std::string("7"), std::string("name"), std::string("a"));
-  kb->call<void>("add", d, std::string("7"), std::string("name"), std::string("b"));
-  EXPECT_EQ(getObject(d, "7", "name"), (Strings{"a", "b"}));
-  kb->call<void>("update", d, std::string("7"), std::string("name"), std::string("c"));
-  EXPECT_EQ(getObject(d, "7", "name"), (Strings{"c"}));
+TEST_F(KnowledgeOverSession, PassesEveryCallAndBothWildcardsThroughToTheStore) {
+  call<void>("add", "dom", "7", "name", "a");
+  call<void>("add", "dom", "7", "name", "b");
+  EXPECT_EQ(call<Strings>("getObject", "dom", "7", "name"), (Strings{"a", "b"}));
+  call<void>("update", "dom", "7", "name", "c");
+  EXPECT_EQ(call<Rows>("queryTriplet", "*", "7", "*", "*"), (Rows{{"dom", "7", "name", "c"}}));
+  EXPECT_TRUE(call<Rows>("queryTriplet", "?", "7", "?", "?").empty());
+  EXPECT_TRUE(call<bool>("contains", "dom", "7", "?", "?"));
+  EXPECT_FALSE(call<bool>("contains", "dom", "7", "*", "*"));
+  call<void>("remove", "dom", "7", "?", "?");
+  EXPECT_TRUE(call<Strings>("getObject", "dom", "7", "name").empty());
 }
 
-TEST_F(KnowledgeOverSession, KeepsTheTwoWildcardsApart) {
-  const std::string d = "dom";
-  kb->call<void>("update", d, std::string("7"), std::string("age"), std::string("30"));
-  EXPECT_TRUE(kb->call<bool>("contains", d, std::string("7"), std::string("?"), std::string("?")));
-  EXPECT_FALSE(kb->call<bool>("contains", d, std::string("7"), std::string("*"), std::string("*")));
-  const auto star = kb->call<Rows>("queryTriplet", std::string("*"), std::string("7"),
-                                   std::string("*"), std::string("*"));
-  EXPECT_EQ(star, (Rows{{"dom", "7", "age", "30"}}));
-  EXPECT_TRUE(kb->call<Rows>("queryTriplet", std::string("?"), std::string("7"), std::string("?"),
-                             std::string("?"))
-                  .empty());
-  kb->call<void>("remove", d, std::string("7"), std::string("?"), std::string("?"));
-  EXPECT_TRUE(getObject(d, "7", "age").empty());
-}
-
-TEST_F(KnowledgeOverSession, RefusesArgumentsOfTheWrongTypeAndStoresNothing) {
-  try {
-    kb->call<void>("update", std::string("dom"), 7, std::string("name"), std::string("x"));
-    FAIL() << "an int subject must be refused";
-  } catch (const std::runtime_error& e) {
-    EXPECT_NE(std::string(e.what()).find("update"), std::string::npos) << e.what();
-  }
-  EXPECT_TRUE(kb->call<Rows>("queryTriplet", std::string("*"), std::string("*"), std::string("*"),
-                             std::string("*"))
-                  .empty());
-  EXPECT_THROW(
-      kb->call<void>("update", std::string("only three"), std::string("a"), std::string("b")),
-      std::runtime_error);
+TEST_F(KnowledgeOverSession, RefusesArgumentsOfTheWrongTypeOrCountAndStoresNothing) {
+  EXPECT_THAT(
+      [&] { kb->call<void>("update", std::string("dom"), 7, std::string("n"), std::string("x")); },
+      ::testing::ThrowsMessage<std::runtime_error>(::testing::HasSubstr("update")));
+  EXPECT_THROW(call<void>("update", "only three", "a", "b"), std::runtime_error);
+  EXPECT_TRUE(call<Rows>("queryTriplet", "*", "*", "*", "*").empty());
 }
 
 TEST_F(KnowledgeOverSession, ServesReadersWhileAWriterUpdates) {
-  const std::string d = "dom";
-  kb->call<void>("update", d, std::string("1"), std::string("k"), std::string("0"));
+  call<void>("update", "dom", "1", "k", "0");
   std::atomic<bool> stop{false};
   std::atomic<int> torn{0};
-  std::vector<std::thread> readers;
+  std::vector<std::future<void>> readers;
   for (int r = 0; r < 3; ++r) {
-    readers.emplace_back([&] {
+    readers.push_back(std::async(std::launch::async, [&] {
       while (!stop) {
-        if (getObject(d, "1", "k").size() != 1) {
-          ++torn;
-        }
+        torn += call<Strings>("getObject", "dom", "1", "k").size() == 1 ? 0 : 1;
       }
-    });
+    }));
   }
-  for (int i = 0; i < 200; ++i) {
-    kb->call<void>("update", d, std::string("1"), std::string("k"), std::to_string(i));
+  for (int i = 1; i <= 200; ++i) {
+    call<void>("update", "dom", "1", "k", std::to_string(i));
   }
   stop = true;
-  for (auto& t : readers) {
-    t.join();
+  for (auto& reader : readers) {
+    ASSERT_EQ(reader.wait_for(std::chrono::milliseconds(kWaitMs)), std::future_status::ready);
+    reader.get();
   }
   EXPECT_EQ(torn.load(), 0);
-  EXPECT_EQ(getObject(d, "1", "k"), (Strings{"199"}));
+  EXPECT_EQ(call<Strings>("getObject", "dom", "1", "k"), Strings{"200"});
 }
 
 TEST(KnowledgeRegistration, FailsClearlyForAFileThatIsNotAStore) {
