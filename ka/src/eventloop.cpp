@@ -31,7 +31,12 @@ namespace detail {
 namespace {
 
 constexpr const char kCategory[] = "ka.eventloop";
-constexpr int kMaxSpareThreads = 64;
+// Spares allowed by default. Each is a blocked wait; far past this, something is wrong, and
+// refusing the wait with an error beats exhausting the process.
+constexpr int kDefaultMaxSpareThreads = 1024;
+// Spares beyond this many make the pool warn (rate-limited): waits are piling up.
+constexpr int kSpareWarningThreshold = 64;
+constexpr std::chrono::seconds kWarningInterval{10};
 constexpr std::chrono::milliseconds kDefaultSpareIdleTimeout{5000};
 
 thread_local WorkerPool* tlsPool = nullptr;  // the pool this thread is a worker of
@@ -51,7 +56,7 @@ class WorkerPool {
   WorkerPool(std::string name, int size)
       : name_(std::move(name)),
         size_(std::max(1, size)),
-        maxThreads_(size_ + kMaxSpareThreads),
+        maxSpares_(kDefaultMaxSpareThreads),
         guard_(boost::asio::make_work_guard(io_)) {
     std::string failure;
     {
@@ -168,27 +173,47 @@ class WorkerPool {
     return true;
   }
 
-  void enterBlocking() {
-    std::string failure;  // logged after unlocking: a log handler may use this loop
+  void setMaxSpareThreads(int spares) { maxSpares_.store(std::max(0, spares)); }
+
+  // Counts this worker as blocked and makes sure another can run the queued work. Returns an
+  // empty string, or, counting nothing, why the wait is refused: no worker is idle and no
+  // spare can start, so blocking here could stall every queued task for good.
+  std::string enterBlocking() {
+    std::string refusal;
+    std::string warning;  // logged after unlocking: a log handler may use this loop
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      ++blocked_;
       if (!tlsInTask) {
         ++busy_;  // blocking outside a task still takes this worker away
       }
       if (live_ - busy_.load() > 0 || ioStopped_) {
-        return;  // an idle worker can take the queued work
+        ++blocked_;
+        return {};  // an idle worker can take the queued work
       }
-      if (live_ >= maxThreads_) {
-        failure = "all " + std::to_string(live_) + " workers are busy or blocked, cannot add more";
+      std::string failure;
+      if (live_ >= size_ + maxSpares_.load()) {
+        failure = "all " + std::to_string(live_) + " workers are busy or blocked";
       } else {
         joinRetiredLocked();
         failure = spawnLocked();
       }
+      if (failure.empty()) {
+        ++blocked_;
+        if (live_ - size_ > kSpareWarningThreshold) {
+          warning = std::to_string(live_ - size_) + " spare workers started for blocked waits";
+        }
+      } else {
+        if (!tlsInTask) {
+          --busy_;
+        }
+        warning = failure + "; refusing to block another";
+        refusal = "EventLoop " + name_ + ": " + warning;
+      }
     }
-    if (!failure.empty()) {
-      KA_LOG_WARNING(kCategory) << name_ << ": " << failure;
+    if (!warning.empty()) {
+      warnRateLimited(warning);
     }
+    return refusal;
   }
 
   void leaveBlocking() {
@@ -273,6 +298,26 @@ class WorkerPool {
     workersChanged_.notify_all();
   }
 
+  // At most one warning per interval; the next one says how many were held back.
+  void warnRateLimited(const std::string& text) {
+    const auto now = std::chrono::steady_clock::now();
+    int held = 0;
+    {
+      std::lock_guard<std::mutex> lock(warnMutex_);
+      if (warned_ && now - lastWarning_ < kWarningInterval) {
+        ++heldWarnings_;
+        return;
+      }
+      warned_ = true;
+      lastWarning_ = now;
+      held = heldWarnings_;
+      heldWarnings_ = 0;
+    }
+    const std::string suffix =
+        held > 0 ? " (" + std::to_string(held) + " similar warnings held back)" : std::string();
+    KA_LOG_WARNING(kCategory) << name_ << ": " << text << suffix;
+  }
+
   template <class Task, class... Args>
   void runTask(Task& task, Args... args) {
     busy_.fetch_add(1);
@@ -298,7 +343,7 @@ class WorkerPool {
 
   const std::string name_;
   const int size_;
-  const int maxThreads_;
+  std::atomic<int> maxSpares_;
   std::atomic<std::int64_t> spareIdleMs_{kDefaultSpareIdleTimeout.count()};
   // Workers running a task or blocked outside one. Atomic: read under mutex_ when deciding to
   // start a spare, updated around every task without it (a stale read only delays a spare).
@@ -317,22 +362,38 @@ class WorkerPool {
   Threads threads_;         // workers not retired (and not yet taken for joining)
   Threads retired_;         // spares that left, to be joined
   std::unordered_set<std::shared_ptr<boost::asio::steady_timer>> timers_;  // pending delays
+
+  std::mutex warnMutex_;
+  // Guarded by warnMutex_: when the last warning went out, and how many were held back since.
+  bool warned_ = false;
+  std::chrono::steady_clock::time_point lastWarning_;
+  int heldWarnings_ = 0;
 };
 
 BlockingScope::BlockingScope()
     : pool_(tlsBlockingDepth == 0 ? tlsPool : nullptr), outermost_(tlsBlockingDepth == 0) {
+  if (pool_ != nullptr) {
+    const std::string refusal = pool_->enterBlocking();
+    if (!refusal.empty()) {
+      throw std::runtime_error(refusal);
+    }
+  }
   if (outermost_) {
     suspended_ = suspendSerialGates();
-  }
-  if (pool_ != nullptr) {
-    pool_->enterBlocking();
   }
   ++tlsBlockingDepth;
 }
 
+BlockingScope::BlockingScope(SerialGate& gate) : BlockingScope() {
+  enter_ = &gate;
+}
+
 BlockingScope::~BlockingScope() {
   // Taking the gates back is part of the wait: it happens while still counted as blocked.
-  if (outermost_ && !suspended_.empty()) {
+  if (enter_ != nullptr) {
+    suspended_.emplace_back(enter_, 1);
+  }
+  if (!suspended_.empty()) {
     resumeSerialGates(suspended_);
   }
   --tlsBlockingDepth;
@@ -357,6 +418,10 @@ void EventLoop::post(std::function<void()> task) {
   if (!dispatch(std::move(task))) {
     KA_LOG_ERROR(detail::kCategory) << name() << ": stopped, task dropped";
   }
+}
+
+bool EventLoop::tryPost(std::function<void()> task) {
+  return dispatch(std::move(task));
 }
 
 bool EventLoop::dispatch(detail::UniqueFunction<void()> task) {
@@ -402,6 +467,10 @@ bool EventLoop::isStopped() const {
 
 void EventLoop::setSpareIdleTimeout(std::chrono::milliseconds timeout) {
   pool_->setSpareIdleTimeout(timeout);
+}
+
+void EventLoop::setMaxSpareThreads(int spares) {
+  pool_->setMaxSpareThreads(spares);
 }
 
 bool EventLoop::waitForSparesToLeave(std::chrono::milliseconds limit) const {

@@ -58,10 +58,25 @@ Future<AnyValue> LocalObject::metaCall(unsigned int uid, const AnyReferenceVecto
     owned->emplace_back(a);
   }
   auto self = boost::static_pointer_cast<LocalObject>(shared_from_this());
-  return defaultEventLoop().async([self, index, owned] {
+  auto run = [self, index, owned] {
     const AnyReferenceVector refs(owned->begin(), owned->end());
     return self->invoke(index, refs);
+  };
+  if (_type->threadingModel != ObjectThreadingModel::SingleThread) {
+    return defaultEventLoop().async(std::move(run));
+  }
+  // Waiting for the gate on a worker would take a thread from unrelated work (and enough such
+  // waits would stall the loop): the call waits in the object's own queue instead.
+  Promise<AnyValue> promise;
+  Future<AnyValue> result = promise.future();
+  _gate.schedule([promise, run = std::move(run)](bool due) mutable {
+    if (due) {
+      detail::fulfil(promise, run);
+    } else {
+      promise.trySetCanceled(kEventLoopStopped);
+    }
   });
+  return result;
 }
 
 SignalBase* LocalObject::signalAt(unsigned int signalUid) {

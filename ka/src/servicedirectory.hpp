@@ -1,5 +1,5 @@
 #pragma once
-// The registry of services shared by the sessions of one directory, and the object
+// The registry of services shared by the sessions of one directory, and the per-session object
 // that publishes it as the "ServiceDirectory" service.
 
 #include <ka/object.hpp>
@@ -8,40 +8,46 @@
 
 #include <boost/enable_shared_from_this.hpp>
 
+#include <condition_variable>
 #include <deque>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
 namespace ka {
 namespace detail {
 
+// Every service belongs to one owner (a session). Owners are open between openOwner and
+// closeOwner; only open owners register, and only the owner of a service unregisters it.
+//
+// Announcements: "serviceAdded" / "serviceRemoved" go out in the order of the changes, one at a
+// time, with no lock held. When a change returns, every direct subscriber has been called for
+// it; the one exception is a change made by a subscriber while it is being called (on the
+// announcing thread), which goes out right after the current announcement.
 class ServiceDirectory : public boost::enable_shared_from_this<ServiceDirectory> {
  public:
   ServiceDirectory() = default;
 
-  // Throws std::runtime_error with the reason when refused.
-  unsigned int registerService(const std::string& name, const AnyObject& object,
-                               std::uint64_t owner);
-  // Throws when no service has that id; the directory itself cannot be removed.
-  void unregisterService(unsigned int id);
+  void openOwner(std::uint64_t owner);
   // Unregisters every service of `owner` and refuses its registrations from now on.
   void closeOwner(std::uint64_t owner);
+
+  // Throw std::runtime_error with the reason when refused.
+  unsigned int registerService(const std::string& name, const AnyObject& object,
+                               std::uint64_t owner);
+  void unregisterService(unsigned int id, std::uint64_t owner);
+
   // A null object when nothing has that name.
   AnyObject lookup(const std::string& name) const;
   std::vector<ServiceInfo> list() const;
 
-  // The directory as a middleware object (one per live directory).
-  AnyObject object();
-
-  // As advertised on the directory object.
-  std::vector<std::tuple<std::string, unsigned int>> servicesMethod() const;
-  std::tuple<std::string, unsigned int> serviceMethod(const std::string& name) const;
-  unsigned int registerServiceMethod(const std::string& name, const AnyObject& object);
-  void unregisterServiceMethod(unsigned int id);
+  // The directory as `owner` sees it, as a middleware object: what is registered through it
+  // belongs to `owner`.
+  AnyObject objectFor(std::uint64_t owner);
 
   Signal<int, std::string> serviceAdded;
   Signal<int, std::string> serviceRemoved;
@@ -58,22 +64,26 @@ class ServiceDirectory : public boost::enable_shared_from_this<ServiceDirectory>
     unsigned int id;
     std::string name;
   };
-  // Emits the pending events in the order of the changes, with no lock held. One
-  // thread drains at a time; a change made meanwhile (even from inside a subscriber)
-  // is emitted by that thread after the current event.
-  void drainEvents();
+  // With _mutex held: queues the announcement of a change; returns its sequence number.
+  std::uint64_t queueEventLocked(Event event);
+  // Returns once event `seq` has been announced (see the class comment for the exception).
+  void announceUpTo(std::uint64_t seq);
+  // Announces every pending event; called with `lock` held on a thread that became the drainer.
+  void drainLocked(std::unique_lock<std::mutex>& lock);
 
   mutable std::mutex _mutex;
-  // Guarded by _mutex.
+  // All guarded by _mutex:
   std::map<unsigned int, Entry> _services;
-  // Guarded by _mutex.
   unsigned int _nextId = Session::kDirectoryId + 1;
-  // Guarded by _mutex: owners (sessions) that have closed.
-  std::set<std::uint64_t> _closedOwners;
-  // Guarded by _mutex: changes not yet announced, oldest first, and whether a thread is
-  // announcing them.
+  std::set<std::uint64_t> _openOwners;
+  // Changes not announced yet, oldest first; how many changes were queued and announced in all;
+  // whether (and which) thread is announcing.
   std::deque<Event> _pending;
+  std::uint64_t _queued = 0;
+  std::uint64_t _announced = 0;
   bool _draining = false;
+  std::thread::id _drainer;
+  std::condition_variable _announcedChanged;  // _announced or _draining changed
 };
 
 }  // namespace detail

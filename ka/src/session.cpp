@@ -15,10 +15,15 @@ std::atomic<std::uint64_t> nextSessionId{1};
 struct Session::State {
   const std::uint64_t id = nextSessionId.fetch_add(1);
   std::atomic<bool> closed{false};
+  std::mutex mutex;
+  // Guarded by mutex: this session's "ServiceDirectory" object, made on first use.
+  AnyObject directoryObject;
 };
 
 Session::Session(boost::shared_ptr<detail::ServiceDirectory> directory)
-    : _directory(std::move(directory)), _state(std::make_unique<State>()) {}
+    : _directory(std::move(directory)), _state(std::make_unique<State>()) {
+  _directory->openOwner(_state->id);
+}
 
 Session::~Session() {
   close();
@@ -37,7 +42,11 @@ Future<AnyObject> Session::service(const std::string& name, const std::string& p
     return closedError<AnyObject>();
   }
   if (name == kDirectoryName) {
-    return makeReadyFuture(_directory->object());
+    std::lock_guard<std::mutex> lock(_state->mutex);
+    if (!_state->directoryObject.isValid()) {
+      _state->directoryObject = _directory->objectFor(_state->id);
+    }
+    return makeReadyFuture(_state->directoryObject);
   }
   AnyObject object = _directory->lookup(name);
   if (!object.isValid()) {
@@ -69,7 +78,7 @@ Future<void> Session::unregisterService(unsigned int serviceId) {
     return closedError<void>();
   }
   try {
-    _directory->unregisterService(serviceId);
+    _directory->unregisterService(serviceId, _state->id);
     return makeReadyFuture();
   } catch (const std::exception& e) {
     return makeFutureError<void>(e.what());
@@ -81,6 +90,8 @@ void Session::close() {
     return;
   }
   _directory->closeOwner(_state->id);
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  _state->directoryObject.reset();
 }
 
 bool Session::isConnected() const {

@@ -18,6 +18,9 @@ struct SubscriberEntry {
 
   const SignalSubscriber subscriber;
   std::mutex mutex;
+  // Guarded by mutex: where queued deliveries line up (made on the first one, when the
+  // subscriber brought none).
+  std::optional<Strand> strand;
   std::condition_variable finished;
   // Guarded by mutex: the threads currently inside the subscriber (a subscriber may
   // run on several threads at once, and may re-enter itself).
@@ -46,6 +49,21 @@ struct SubscriberEntry {
       running.erase(std::find(running.begin(), running.end(), self));
     }
     finished.notify_all();
+  }
+
+  void queue(std::shared_ptr<const std::vector<AnyValue>> args,
+             const std::shared_ptr<SubscriberEntry>& self) {
+    Strand line = [&] {
+      std::lock_guard<std::mutex> lock(mutex);
+      if (!strand) {
+        strand = subscriber.strand() ? *subscriber.strand() : Strand();
+      }
+      return *strand;
+    }();
+    line.post([self, args = std::move(args)] {
+      const AnyReferenceVector refs(args->begin(), args->end());
+      self->deliver(refs);
+    });
   }
 
   // Returns once no other thread is inside the subscriber; a delivery on this very
@@ -187,10 +205,7 @@ void SignalBase::trigger(const AnyReferenceVector& args, MetaCallType callType) 
       }
       owned = std::move(copy);
     }
-    defaultEventLoop().post([target, owned] {
-      AnyReferenceVector refs(owned->begin(), owned->end());
-      target->deliver(refs);
-    });
+    target->queue(owned, target);
   }
 }
 

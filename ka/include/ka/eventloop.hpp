@@ -30,8 +30,12 @@ inline constexpr const char kEventLoopStopped[] = "EventLoop stopped";
 
 // Tasks run in the order they were queued, on any worker, concurrently with each other.
 //
-// Managed blocking: when a worker blocks on a future while no other worker is idle, the loop
-// starts a spare worker (at most 64 beyond size()). Spares leave after being idle for a while.
+// Managed blocking: when a worker blocks (on a future, a single-threaded object, a busy database)
+// while no other worker is idle, the loop starts a spare worker, so a wait inside the pool never
+// starves unrelated work. Spares leave after being idle for a while. Past the spare limit (1024
+// by default) the wait is refused instead: it throws std::runtime_error naming the loop, so the
+// waiting call fails with a clear error rather than stalling every queued task. Growth past 64
+// spares and refusals are logged as warnings, at most one per 10 s.
 //
 // Stopping: from stop() on, new work is refused (post() drops it with an error log, async()
 // and asyncDelay() give a future canceled with kEventLoopStopped). Work already queued still
@@ -48,6 +52,8 @@ class KA_API EventLoop {
   // Queues `task`. An exception escaping it is logged (category "ka.eventloop"); the worker
   // carries on.
   void post(std::function<void()> task);
+  // Like post(), but returns false (dropping the task, logging nothing) when the loop stopped.
+  [[nodiscard]] bool tryPost(std::function<void()> task);
 
   // Queues `f` (which may be move-only) and gives a future of its result; if f throws, the
   // future fails with the exception's what().
@@ -77,6 +83,8 @@ class KA_API EventLoop {
 
   // How long a spare worker stays idle before it leaves (5 s by default).
   void setSpareIdleTimeout(std::chrono::milliseconds timeout);
+  // How many spare workers blocked waits may start beyond size() (1024 by default).
+  void setMaxSpareThreads(int spares);
   // Waits at most `limit` for the spare workers to leave; returns whether they all have.
   bool waitForSparesToLeave(std::chrono::milliseconds limit) const;
 

@@ -63,6 +63,25 @@ class ObjectTypeBuilder {
     return meta.uid;
   }
 
+  // Advertises a signal that a T reaches through `accessor(T&)`, which returns a reference to a
+  // ka::Signal<...> (one owned by an object T refers to, say).
+  template <typename F>
+  unsigned int advertiseSignalVia(const std::string& name, F accessor, int id = -1) {
+    using S = std::remove_reference_t<std::invoke_result_t<F&, T&>>;
+    static_assert(std::is_base_of<SignalBase, S>::value,
+                  "the accessor must return a ka::Signal reference");
+    MetaSignal meta;
+    meta.uid = detail::pickMemberId(id, _signals);
+    meta.name = name;
+    meta.argumentTypes = S::staticArgumentTypes();
+    _signals.push_back(meta);
+    _accessors.push_back([accessor](void* instance) -> SignalBase* {
+      return &accessor(*static_cast<T*>(instance));
+    });
+    _built.reset();
+    return meta.uid;
+  }
+
   // The description built so far (built once until the builder changes again).
   ObjectTypePtr type() {
     if (!_built) {

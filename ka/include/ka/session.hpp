@@ -37,14 +37,19 @@ class KA_API Session : public boost::enable_shared_from_this<Session> {
   // Closes the session.
   ~Session();
 
-  // The object registered under `name` ("ServiceDirectory" included). Fails with
+  // The object registered under `name`. "ServiceDirectory" answers this session's view of the
+  // directory: services registered through it belong to this session. Fails with
   // "Cannot find service \"<name>\"" when none is. An empty protocol accepts any way
   // of reaching the service; in-process sessions accept only that.
   Future<AnyObject> service(const std::string& name, const std::string& protocol = "");
   Future<std::vector<ServiceInfo>> services();
   // Publishes `object` under `name`; fails when the name is empty or taken, or the
-  // object is null. The service belongs to this session and goes when it closes.
+  // object is null. The service belongs to this session and goes when it closes. When the
+  // future is returned, every direct subscriber of "serviceAdded" has been called for it
+  // (unless the call comes from such a subscriber, on the announcing thread: then the
+  // announcement follows the current one). The same holds for unregisterService.
   Future<unsigned int> registerService(const std::string& name, AnyObject object);
+  // Only the session that registered a service may unregister it.
   Future<void> unregisterService(unsigned int serviceId);
 
   // Unregisters this session's services ("serviceRemoved" goes out for each, possibly on

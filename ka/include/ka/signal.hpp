@@ -6,29 +6,40 @@
 #include <ka/anyvalue.hpp>
 #include <ka/api.hpp>
 #include <ka/metacalltype.hpp>
+#include <ka/strand.hpp>
 
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace ka {
 
 // What to call when a signal fires, and how.
+//
+// Queued deliveries to one subscriber run one at a time, in emission order. They go through
+// the subscriber's strand: its own unless one is given, so that subscriptions sharing a strand
+// (say to "serviceAdded" and "serviceRemoved") also see each other's emissions in order.
 class KA_API SignalSubscriber {
  public:
   SignalSubscriber() = default;
   explicit SignalSubscriber(AnyFunction function, MetaCallType callType = MetaCallType::Auto)
       : _function(std::move(function)), _callType(callType) {}
+  SignalSubscriber(AnyFunction function, MetaCallType callType, Strand strand)
+      : _function(std::move(function)), _callType(callType), _strand(std::move(strand)) {}
 
   const AnyFunction& function() const { return _function; }
   MetaCallType callType() const { return _callType; }
   bool isValid() const { return _function.isValid(); }
+  // The strand given at construction, if any.
+  const std::optional<Strand>& strand() const { return _strand; }
 
  private:
   AnyFunction _function;
   MetaCallType _callType = MetaCallType::Auto;
+  std::optional<Strand> _strand;
 };
 
 namespace detail {

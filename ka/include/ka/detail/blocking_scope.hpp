@@ -1,7 +1,8 @@
 #pragma once
-// Managed blocking: code about to block a thread (waiting on a future) holds a BlockingScope, so
-// that an EventLoop owning the thread can start a spare worker and keep its queued work moving.
-// Without it, tasks that wait on other tasks of the same pool could deadlock a full pool.
+// Managed blocking: code about to block a thread (waiting on a future, on a single-threaded
+// object, on a busy database) holds a BlockingScope, so that an EventLoop owning the thread can
+// start a spare worker and keep its queued work moving. Without it, tasks that wait on other
+// tasks of the same pool could deadlock a full pool.
 
 #include <ka/api.hpp>
 
@@ -14,13 +15,18 @@ namespace detail {
 class WorkerPool;
 class SerialGate;
 
-// On a thread that is not an EventLoop worker the pool part does nothing. The outermost
-// scope also lets other calls into the single-threaded objects this thread is serving
-// while it blocks, and waits for its turn again when the block ends. Scopes may nest; only
-// the outermost one counts. Must be destroyed on the thread that created it.
+// On a thread that is not an EventLoop worker the pool part does nothing. The outermost scope
+// also gives up the single-threaded objects this thread is serving while it blocks, and takes
+// them back, all at once and without holding any while it waits, when the scope ends. Scopes
+// may nest; only the outermost one counts. Must be destroyed on the thread that created it.
 class KA_API BlockingScope {
  public:
+  // Throws std::runtime_error, changing nothing, when this thread is a worker of an EventLoop
+  // whose every worker is already busy or blocked and that may start no more: the caller's wait
+  // fails with that error instead of stalling the loop for good.
   BlockingScope();
+  // Same, and the end of the scope also takes `gate` (with the gates given up).
+  explicit BlockingScope(SerialGate& gate);
   ~BlockingScope();
   BlockingScope(const BlockingScope&) = delete;
   BlockingScope& operator=(const BlockingScope&) = delete;
@@ -28,6 +34,7 @@ class KA_API BlockingScope {
  private:
   WorkerPool* pool_;  // the pool told about this block, or null when none was
   bool outermost_;
+  SerialGate* enter_ = nullptr;                          // taken when the scope ends
   std::vector<std::pair<SerialGate*, int>> suspended_;  // gates given up for the block
 };
 
