@@ -58,10 +58,10 @@ void registerDirectoryType() {
     b.advertiseMethod("service", &DirectoryView::service);
     b.advertiseMethod("registerService", &DirectoryView::registerService);
     b.advertiseMethod("unregisterService", &DirectoryView::unregisterService);
-    b.advertiseSignalVia("serviceAdded",
-                         [](DirectoryView& v) -> auto& { return v.directory().serviceAdded; });
-    b.advertiseSignalVia("serviceRemoved",
-                         [](DirectoryView& v) -> auto& { return v.directory().serviceRemoved; });
+    b.advertiseSignalVia(
+        "serviceAdded", [](DirectoryView & v) -> auto& { return v.directory().serviceAdded; });
+    b.advertiseSignalVia(
+        "serviceRemoved", [](DirectoryView & v) -> auto& { return v.directory().serviceRemoved; });
     b.registerType();
   });
 }

@@ -218,7 +218,8 @@ class BusyObject {
   }
   bool waitUntilHolding() {
     std::unique_lock<std::mutex> lock(_mutex);
-    return _changed.wait_for(lock, std::chrono::milliseconds(kLimitMs), [this] { return _holding; });
+    return _changed.wait_for(lock, std::chrono::milliseconds(kLimitMs),
+                             [this] { return _holding; });
   }
   void release() {
     std::lock_guard<std::mutex> lock(_mutex);

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <ka/strand.hpp>
+
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <set>
@@ -201,6 +204,123 @@ TEST(ServiceDirectoryCallbacks, MayLookUpAndCallServicesWithoutDeadlock) {
   EXPECT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] {
     return answers.size() == 2u * n;
   })) << answers.size();
+}
+
+TEST(ServiceDirectorySignals, AChangeReturnsOnlyOnceDirectSubscribersHaveSeenIt) {
+  // A registration made while another thread is still announcing an earlier one must not
+  // return before its own announcement has reached the direct subscribers.
+  auto session = ka::makeSession();
+  ka::AnyObject dir = session->service("ServiceDirectory").value(kWaitMs);
+  std::mutex m;
+  std::set<std::string> seen;
+  dir->connect("serviceAdded",
+               [&](int, const std::string& name) {
+                 if (name == "First") {
+                   // Hold the announcing thread until the second registration is in, and a
+                   // little longer, so that it would return first if it did not wait.
+                   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+                   while (!session->service("Second").hasValue(0) &&
+                          std::chrono::steady_clock::now() < limit) {
+                     std::this_thread::yield();
+                   }
+                   const auto linger =
+                       std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+                   while (std::chrono::steady_clock::now() < linger) {
+                     std::this_thread::yield();
+                   }
+                 }
+                 std::lock_guard<std::mutex> lock(m);
+                 seen.insert(name);
+               })
+      .value(kWaitMs);
+  std::thread first([&] { session->registerService("First", echoObject()).value(kWaitMs); });
+  while (!session->service("First").hasValue(0)) {
+    std::this_thread::yield();
+  }
+  session->registerService("Second", echoObject()).value(kWaitMs);
+  {
+    std::lock_guard<std::mutex> lock(m);
+    EXPECT_EQ(seen.count("Second"), 1u) << "registerService returned before its announcement";
+  }
+  first.join();
+}
+
+TEST(ServiceDirectorySignals, AQueuedSubscriberSharingOneStrandSeesEveryAdditionBeforeItsRemoval) {
+  auto session = ka::makeSession();
+  ka::AnyObject dir = session->service("ServiceDirectory").value(kWaitMs);
+  std::mutex m;
+  std::condition_variable cv;
+  std::vector<std::string> events;
+  std::atomic<int> inside{0};
+  std::atomic<int> overlaps{0};
+  auto record = [&](const std::string& e) {
+    if (++inside > 1) {
+      ++overlaps;
+    }
+    {
+      std::lock_guard<std::mutex> lock(m);
+      events.push_back(e);
+    }
+    --inside;
+    cv.notify_all();
+  };
+  const ka::Strand strand;
+  dir->connect("serviceAdded",
+               ka::SignalSubscriber(
+                   ka::AnyFunction::from([&](int, const std::string& n) { record("+" + n); }),
+                   ka::MetaCallType::Queued, strand))
+      .value(kWaitMs);
+  dir->connect("serviceRemoved",
+               ka::SignalSubscriber(
+                   ka::AnyFunction::from([&](int, const std::string& n) { record("-" + n); }),
+                   ka::MetaCallType::Queued, strand))
+      .value(kWaitMs);
+  constexpr int kCycles = 300;
+  for (int i = 0; i < kCycles; ++i) {
+    const std::string name = "Q" + std::to_string(i);
+    session->unregisterService(session->registerService(name, echoObject()).value(kWaitMs))
+        .value(kWaitMs);
+  }
+  std::unique_lock<std::mutex> lock(m);
+  ASSERT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kWaitMs),
+                          [&] { return events.size() == 2u * kCycles; }));
+  for (int i = 0; i < kCycles; ++i) {
+    const std::string name = "Q" + std::to_string(i);
+    EXPECT_EQ(events[2 * i], "+" + name);
+    EXPECT_EQ(events[2 * i + 1], "-" + name);
+  }
+  EXPECT_EQ(overlaps.load(), 0);
+}
+
+TEST(ServiceOwnership, OnlyTheRegisteringSessionMayUnregisterAService) {
+  auto owner = ka::makeSession();
+  auto other = ka::makeSession(owner);
+  const unsigned id = owner->registerService("Mine", echoObject()).value(kWaitMs);
+  const auto refused = other->unregisterService(id);
+  ASSERT_TRUE(refused.hasError(kWaitMs));
+  EXPECT_NE(refused.error().find("belongs to another session"), std::string::npos)
+      << refused.error();
+  ka::AnyObject otherDirectory = other->service("ServiceDirectory").value(kWaitMs);
+  EXPECT_THROW(otherDirectory->call<void>("unregisterService", id), std::runtime_error);
+  EXPECT_TRUE(other->service("Mine").hasValue(kWaitMs)) << "still registered";
+  EXPECT_TRUE(owner->unregisterService(id).hasValue(kWaitMs));
+}
+
+TEST(ServiceOwnership, ARegistrationThroughTheDirectoryObjectGoesWithTheCallersSession) {
+  auto keeper = ka::makeSession();
+  auto caller = ka::makeSession(keeper);
+  DirectoryEvents events;
+  events.attach(keeper);
+  ka::AnyObject directory = caller->service("ServiceDirectory").value(kWaitMs);
+  const auto id =
+      directory->call<unsigned>("registerService", std::string("ViaObject"), echoObject());
+  EXPECT_TRUE(keeper->service("ViaObject").hasValue(kWaitMs));
+  EXPECT_TRUE(keeper->unregisterService(id).hasError(kWaitMs)) << "belongs to the caller";
+  caller->close();
+  EXPECT_TRUE(keeper->service("ViaObject").hasError(kWaitMs)) << "gone with its session";
+  const auto got = events.waitFor(2);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[1], "-" + std::to_string(id) + "ViaObject");
 }
 
 }  // namespace

@@ -152,4 +152,62 @@ TEST(SignalConcurrency, EmitConnectAndDisconnectFromManyThreads) {
   EXPECT_GE(delivered.load(), 400) << "each connecting thread sees at least its own emission";
 }
 
+TEST(QueuedDelivery, ReachesEachSubscriberInEmissionOrderOneAtATime) {
+  ka::Signal<int> sig;
+  constexpr int kEmissions = 3000;
+  std::mutex m;
+  std::vector<int> got;
+  std::atomic<int> inside{0};
+  std::atomic<int> overlaps{0};
+  std::promise<void> all;
+  auto link = sig.connect(
+      [&](int v) {
+        if (++inside > 1) {
+          ++overlaps;
+        }
+        std::this_thread::yield();  // widens the window a second delivery would need
+        bool done;
+        {
+          std::lock_guard<std::mutex> lock(m);
+          got.push_back(v);
+          done = got.size() == kEmissions;
+        }
+        --inside;
+        if (done) {
+          all.set_value();
+        }
+      },
+      ka::MetaCallType::Queued);
+  for (int i = 0; i < kEmissions; ++i) {
+    sig(i);
+  }
+  ASSERT_EQ(all.get_future().wait_for(kWait), std::future_status::ready);
+  EXPECT_EQ(overlaps.load(), 0);
+  for (int i = 0; i < kEmissions; ++i) {
+    ASSERT_EQ(got[i], i) << "delivery " << i << " out of order";
+  }
+  sig.disconnect(link);
+}
+
+TEST(QueuedDelivery, DifferentSubscribersStillRunInParallel) {
+  // The first subscriber's delivery waits for the second's: delivering subscribers one after
+  // the other would never finish.
+  ka::Signal<int> sig;
+  std::promise<void> secondRan;
+  std::shared_future<void> secondRanFuture = secondRan.get_future().share();
+  std::promise<bool> firstDone;
+  auto first = sig.connect(
+      [&](int) {
+        firstDone.set_value(secondRanFuture.wait_for(kWait) == std::future_status::ready);
+      },
+      ka::MetaCallType::Queued);
+  auto second = sig.connect([&](int) { secondRan.set_value(); }, ka::MetaCallType::Queued);
+  sig(1);
+  auto done = firstDone.get_future();
+  ASSERT_EQ(done.wait_for(kWait * 2), std::future_status::ready);
+  EXPECT_TRUE(done.get());
+  sig.disconnect(first);
+  sig.disconnect(second);
+}
+
 }  // namespace

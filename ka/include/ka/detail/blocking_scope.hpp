@@ -34,7 +34,7 @@ class KA_API BlockingScope {
  private:
   WorkerPool* pool_;  // the pool told about this block, or null when none was
   bool outermost_;
-  SerialGate* enter_ = nullptr;                          // taken when the scope ends
+  SerialGate* enter_ = nullptr;                         // taken when the scope ends
   std::vector<std::pair<SerialGate*, int>> suspended_;  // gates given up for the block
 };
 
