@@ -40,7 +40,7 @@ unsigned int DynamicObjectBuilder::advertiseMethod(const std::string& name, AnyF
   meta.uid = detail::pickMemberId(id, _d->methods);
   meta.name = name;
   meta.parameterTypes = function.parameterTypes();
-  meta.returnType = function.resultType();
+  meta.returnType = detail::visibleResultType(function.resultType());
   _d->methods.push_back(std::move(meta));
   _d->functions.push_back(std::move(function));
   _d->callTypes.push_back(callType);

@@ -1,6 +1,7 @@
 // Shared state, waiting and error types behind ka::Future and ka::Promise.
 
 #include <ka/detail/blocking_scope.hpp>
+#include <ka/detail/future_type.hpp>
 #include <ka/future.hpp>
 
 #include <chrono>
@@ -9,6 +10,10 @@ namespace ka {
 
 FutureError::FutureError(const std::string& message) : std::runtime_error(message) {}
 FutureError::~FutureError() = default;
+
+namespace detail {
+FutureResultType::~FutureResultType() = default;
+}  // namespace detail
 
 FutureTimeoutError::FutureTimeoutError(int msecs)
     : std::runtime_error("Future timeout after " + std::to_string(msecs) + " ms"), msecs_(msecs) {}

@@ -1,5 +1,6 @@
 #include "localobject.hpp"
 
+#include <ka/detail/future_type.hpp>
 #include <ka/eventloop.hpp>
 #include <ka/object.hpp>
 
@@ -31,6 +32,44 @@ AnyValue LocalObject::invoke(std::size_t index, const AnyReferenceVector& args) 
   return _type->methods[index].invoke(_instance.get(), prepared.pointers());
 }
 
+namespace {
+
+// Ends `promise` the way `result` ends.
+void settle(Promise<AnyValue> promise, const Future<AnyValue>& result) {
+  (void)result.then([promise](const Future<AnyValue>& done) mutable {
+    switch (done.wait(FutureTimeout_None)) {
+      case FutureState::FinishedWithValue:
+        promise.trySetValue(done.value());
+        break;
+      case FutureState::Canceled:
+        promise.trySetCanceled(done.error(FutureTimeout_None));
+        break;
+      default:
+        promise.trySetError(done.error(FutureTimeout_None));
+        break;
+    }
+  });
+}
+
+}  // namespace
+
+Future<AnyValue> LocalObject::call(std::size_t index, const AnyReferenceVector& args) noexcept {
+  try {
+    AnyValue result = invoke(index, args);
+    // A method that answers with a future finishes when that future does.
+    if (const FutureResultType* future = asFutureResult(result.type())) {
+      return future->asAnyValue(result.rawValue());
+    }
+    return makeReadyFuture(std::move(result));
+  } catch (const std::exception& e) {
+    return makeFutureError<AnyValue>(e.what());
+  } catch (...) {
+    // The same text whether the call was direct or queued.
+    return makeFutureError<AnyValue>("Unknown exception in method \"" +
+                                     _type->metaObject.methods()[index].name + "\"");
+  }
+}
+
 Future<AnyValue> LocalObject::metaCall(unsigned int uid, const AnyReferenceVector& args,
                                        MetaCallType callType) {
   const MetaMethod* meta = _type->metaObject.method(uid);
@@ -43,13 +82,7 @@ Future<AnyValue> LocalObject::metaCall(unsigned int uid, const AnyReferenceVecto
   if (effective != MetaCallType::Queued) {
     // A method may drop the last handle to its own object; stay alive until it returns.
     const auto self = shared_from_this();
-    try {
-      return makeReadyFuture(invoke(index, args));
-    } catch (const std::exception& e) {
-      return makeFutureError<AnyValue>(e.what());
-    } catch (...) {
-      return makeFutureError<AnyValue>("Unknown exception in method \"" + meta->name + "\"");
-    }
+    return call(index, args);
   }
   // The queued call outlives the caller's argument storage and maybe the handle.
   auto owned = std::make_shared<std::vector<AnyValue>>();
@@ -58,24 +91,26 @@ Future<AnyValue> LocalObject::metaCall(unsigned int uid, const AnyReferenceVecto
     owned->emplace_back(a);
   }
   auto self = boost::static_pointer_cast<LocalObject>(shared_from_this());
-  auto run = [self, index, owned] {
+  Promise<AnyValue> promise;
+  Future<AnyValue> result = promise.future();
+  auto run = [self, index, owned, promise](bool due) mutable {
+    if (!due) {
+      promise.trySetCanceled(kEventLoopStopped);
+      return;
+    }
     const AnyReferenceVector refs(owned->begin(), owned->end());
-    return self->invoke(index, refs);
+    settle(promise, self->call(index, refs));
   };
   if (_type->threadingModel != ObjectThreadingModel::SingleThread) {
-    return defaultEventLoop().async(std::move(run));
+    auto task = std::make_shared<decltype(run)>(std::move(run));
+    if (!defaultEventLoop().tryPost([task] { (*task)(true); })) {
+      (*task)(false);
+    }
+    return result;
   }
   // Waiting for the gate on a worker would take a thread from unrelated work (and enough such
   // waits would stall the loop): the call waits in the object's own queue instead.
-  Promise<AnyValue> promise;
-  Future<AnyValue> result = promise.future();
-  _gate.schedule([promise, run = std::move(run)](bool due) mutable {
-    if (due) {
-      detail::fulfil(promise, run);
-    } else {
-      promise.trySetCanceled(kEventLoopStopped);
-    }
-  });
+  _gate.schedule(std::move(run));
   return result;
 }
 
@@ -121,7 +156,7 @@ void LocalObject::metaPost(unsigned int signalUid, const AnyReferenceVector& arg
 }
 
 void throwNullObject() {
-  throw std::runtime_error("This object is null");
+  throw std::runtime_error("Invalid GenericObject");
 }
 
 boost::shared_ptr<GenericObject> objectForInstance(const boost::shared_ptr<void>& instance,

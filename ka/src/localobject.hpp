@@ -26,6 +26,9 @@ class LocalObject : public GenericObject {
 
  private:
   AnyValue invoke(std::size_t index, const AnyReferenceVector& args);
+  // invoke() with every outcome in the future: its value (or that of the future it answered
+  // with) or the text of what it threw.
+  Future<AnyValue> call(std::size_t index, const AnyReferenceVector& args) noexcept;
   SignalBase* signalAt(unsigned int signalUid);
 
   const ObjectTypePtr _type;

@@ -57,6 +57,15 @@ Future<SignalLink> GenericObject::connect(const std::string& signalName,
   return metaConnect(signal->uid, subscriber);
 }
 
+ScopedConnection GenericObject::connectScoped(const std::string& signalName,
+                                              const SignalSubscriber& subscriber) {
+  const SignalLink link = connect(signalName, subscriber).value(FutureTimeout_Infinite);
+  // The handle keeps the object alive: the subscription lives in it, so it must be there to end.
+  boost::shared_ptr<GenericObject> self = shared_from_this();
+  return ScopedConnection(
+      link, [self](SignalLink l) { (void)self->metaDisconnect(l).wait(FutureTimeout_Infinite); });
+}
+
 Future<void> GenericObject::disconnect(SignalLink link) {
   return metaDisconnect(link);
 }

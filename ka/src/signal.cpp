@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <shared_mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -85,11 +86,43 @@ namespace {
 std::atomic<SignalLink> nextLink{1};
 }
 
+// Lets scoped connections outlive the signal: they disconnect through it only while `signal`
+// is set. Disconnects share the lock (one may run inside a subscriber that another waits for);
+// the signal's destructor takes it alone to clear `signal`.
+struct SignalBase::Lifeline {
+  std::shared_mutex mutex;
+  SignalBase* signal;  // guarded by mutex
+};
+
 SignalBase::SignalBase(std::vector<const TypeInterface*> argumentTypes, OnSubscribers onSubscribers)
-    : _argumentTypes(std::move(argumentTypes)), _onSubscribers(std::move(onSubscribers)) {}
+    : _argumentTypes(std::move(argumentTypes)),
+      _lifeline(std::make_shared<Lifeline>()),
+      _onSubscribers(std::move(onSubscribers)) {
+  _lifeline->signal = this;
+}
 
 SignalBase::~SignalBase() {
+  {
+    std::unique_lock<std::shared_mutex> lock(_lifeline->mutex);
+    _lifeline->signal = nullptr;
+  }
   disconnectAll();
+}
+
+ScopedConnection SignalBase::connectScoped(const SignalSubscriber& subscriber) {
+  return scopedFor(connect(subscriber));
+}
+
+ScopedConnection SignalBase::scopedFor(SignalLink link) {
+  std::weak_ptr<Lifeline> weak = _lifeline;
+  return ScopedConnection(link, [weak](SignalLink l) {
+    if (const auto lifeline = weak.lock()) {
+      std::shared_lock<std::shared_mutex> lock(lifeline->mutex);
+      if (lifeline->signal != nullptr) {
+        lifeline->signal->disconnect(l);
+      }
+    }
+  });
 }
 
 Signature SignalBase::signature() const {
@@ -168,7 +201,7 @@ bool SignalBase::hasSubscribers() const {
   return !_subscribers.empty();
 }
 
-void SignalBase::trigger(const AnyReferenceVector& args, MetaCallType callType) {
+void SignalBase::trigger(const AnyReferenceVector& args, MetaCallType callType) const {
   std::vector<std::shared_ptr<detail::SubscriberEntry>> targets;
   {
     std::lock_guard<std::mutex> lock(_mutex);

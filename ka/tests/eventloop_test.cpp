@@ -209,7 +209,7 @@ TEST_F(DefaultEventLoop, ExitWithQueuedDelayedAndBlockedWorkIsClean) {
         for (int i = 0; i < 1000; ++i) {
           loop.post([] {});
         }
-        loop.asyncDelay([] {}, std::chrono::hours(1));
+        (void)loop.asyncDelay([] {}, std::chrono::hours(1));
         loop.post([&loop] { loop.async([] {}).wait(kLimit); });
         std::exit(0);
       },

@@ -4,6 +4,7 @@
 
 #include <ka/anyvalue.hpp>
 #include <ka/api.hpp>
+#include <ka/detail/future_type.hpp>
 
 #include <boost/function.hpp>
 

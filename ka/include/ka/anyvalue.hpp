@@ -47,6 +47,8 @@ class KA_API AnyReference {
   static AnyReference from(const T& value) {
     return AnyReference(typeOf<T>(), const_cast<void*>(static_cast<const void*>(&value)));
   }
+  // A reference is its own view: it keeps the type of what it refers to.
+  static AnyReference from(const AnyReference& reference) { return reference; }
 
   bool isValid() const { return _type != nullptr; }
   const TypeInterface* type() const { return _type; }

@@ -123,9 +123,10 @@ void fulfil(Promise<R>& promise, Fn& fn, Args&&... args) noexcept {
 }  // namespace detail
 
 // A copyable handle on a result that may not exist yet. Copies share the result; T must be
-// copyable for value(), which returns a copy. Default-constructed: invalid.
+// copyable for value(), which returns a copy. Default-constructed: invalid. A future dropped
+// unread usually hides an error, hence [[nodiscard]]: cast to void where that is the intent.
 template <class T>
-class Future : public detail::FutureBase {
+class [[nodiscard]] Future : public detail::FutureBase {
  public:
   using ValueType = T;
 

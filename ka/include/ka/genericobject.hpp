@@ -8,12 +8,15 @@
 #include <ka/future.hpp>
 #include <ka/metacalltype.hpp>
 #include <ka/metaobject.hpp>
+#include <ka/scopedconnection.hpp>
 #include <ka/signal.hpp>
 
 #include <boost/core/demangle.hpp>
 #include <boost/enable_shared_from_this.hpp>
 
+#include <algorithm>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -61,16 +64,69 @@ class KA_API GenericObject : public boost::enable_shared_from_this<GenericObject
   }
   Future<void> disconnect(SignalLink link);
 
-  template <typename... A>
-  void post(const std::string& signalName, const A&... args) {
-    postByName(signalName, AnyReferenceVector{AnyReference::from(args)...});
+  // Blocking connect whose handle disconnects when destroyed; throws FutureError with the
+  // connection's error text. The handle keeps this object alive until it disconnects.
+  [[nodiscard]] ScopedConnection connectScoped(const std::string& signalName,
+                                               const SignalSubscriber& subscriber);
+  template <typename F,
+            typename = std::enable_if_t<!std::is_base_of<SignalSubscriber, std::decay_t<F>>::value>>
+  [[nodiscard]] ScopedConnection connectScoped(const std::string& signalName, F&& f,
+                                               MetaCallType callType = MetaCallType::Auto) {
+    return connectScoped(signalName,
+                         SignalSubscriber(AnyFunction::from(std::forward<F>(f)), callType));
   }
+
+  template <typename... A>
+  void post(const std::string& signalName, const A&... args);
 
  private:
   void postByName(const std::string& signalName, const AnyReferenceVector& args);
+  template <typename R, typename... H>
+  R callHeld(const std::string& name, const H&... held);
+  template <typename R, typename... H>
+  Future<R> asyncHeld(const std::string& name, const H&... held);
 };
 
 namespace detail {
+
+// How call(), async() and post() pass their arguments: text of any C++ spelling (literal,
+// const char*, std::string_view) as a string "s", a dynamic value as what it holds, anything
+// else as itself. held() gives what the call keeps for the argument; referenceTo() views it.
+template <typename A>
+constexpr bool isText() {
+  using D = std::decay_t<A>;
+  return std::is_same<D, const char*>::value || std::is_same<D, char*>::value ||
+         std::is_same<D, std::string_view>::value;
+}
+
+template <typename A>
+decltype(auto) held(const A& arg) {
+  if constexpr (std::is_array<A>::value && isText<A>()) {
+    // A literal, or a buffer whose text ends at its first NUL or at its end.
+    return std::string(arg, std::find(arg, arg + std::extent<A>::value, '\0'));
+  } else if constexpr (std::is_same<std::decay_t<A>, std::string_view>::value) {
+    return std::string(arg);
+  } else if constexpr (isText<A>()) {
+    if (arg == nullptr) {
+      throw std::invalid_argument("A null C string cannot be passed as a text argument");
+    }
+    return std::string(arg);
+  } else {
+    return static_cast<const A&>(arg);
+  }
+}
+
+inline AnyReference referenceTo(const AnyReference& reference) {
+  return reference;
+}
+// An empty AnyValue stays a dynamic value holding nothing, which no typed parameter accepts.
+inline AnyReference referenceTo(const AnyValue& value) {
+  return value.isValid() ? value.asReference() : AnyReference::from(value);
+}
+template <typename T>
+AnyReference referenceTo(const T& value) {
+  return AnyReference::from(value);
+}
 
 // Converts a call result to R with the documented error text; a result that already
 // has the type R is moved out rather than copied.
@@ -97,15 +153,32 @@ R convertCallResult(AnyValue result) {
 
 template <typename R, typename... A>
 R GenericObject::call(const std::string& name, const A&... args) {
+  return callHeld<R>(name, detail::held(args)...);
+}
+
+template <typename R, typename... H>
+R GenericObject::callHeld(const std::string& name, const H&... held) {
   return detail::convertCallResult<R>(
-      metaCall(name, AnyReferenceVector{AnyReference::from(args)...}, MetaCallType::Auto)
+      metaCall(name, AnyReferenceVector{detail::referenceTo(held)...}, MetaCallType::Auto)
           .value(FutureTimeout_Infinite));
 }
 
 template <typename R, typename... A>
 Future<R> GenericObject::async(const std::string& name, const A&... args) {
-  return metaCall(name, AnyReferenceVector{AnyReference::from(args)...}, MetaCallType::Queued)
+  return asyncHeld<R>(name, detail::held(args)...);
+}
+
+template <typename R, typename... H>
+Future<R> GenericObject::asyncHeld(const std::string& name, const H&... held) {
+  return metaCall(name, AnyReferenceVector{detail::referenceTo(held)...}, MetaCallType::Queued)
       .andThen([](const AnyValue& result) { return detail::convertCallResult<R>(result); });
+}
+
+template <typename... A>
+void GenericObject::post(const std::string& signalName, const A&... args) {
+  [](GenericObject& self, const std::string& signal, const auto&... held) {
+    self.postByName(signal, AnyReferenceVector{detail::referenceTo(held)...});
+  }(*this, signalName, detail::held(args)...);
 }
 
 }  // namespace ka

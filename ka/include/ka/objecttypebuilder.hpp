@@ -143,7 +143,7 @@ class ObjectTypeBuilder {
     meta.uid = detail::pickMemberId(id, _methods);
     meta.name = name;
     meta.parameterTypes = {typeOf<A>()...};
-    meta.returnType = typeOf<R>();
+    meta.returnType = detail::visibleResultType(typeOf<R>());
     _methods.push_back(std::move(meta));
     _invokers.push_back(ObjectType::Method{std::move(invoker), callType});
     _built.reset();

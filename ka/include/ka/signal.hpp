@@ -6,6 +6,7 @@
 #include <ka/anyvalue.hpp>
 #include <ka/api.hpp>
 #include <ka/metacalltype.hpp>
+#include <ka/scopedconnection.hpp>
 #include <ka/strand.hpp>
 
 #include <functional>
@@ -67,6 +68,9 @@ class KA_API SignalBase {
   // Throws std::invalid_argument for an invalid subscriber or one whose parameter
   // count differs from the signal's.
   [[nodiscard]] SignalLink connect(const SignalSubscriber& subscriber);
+  // connect(), ended by the handle's destruction. The handle may outlive the signal; it then
+  // has nothing left to do.
+  [[nodiscard]] ScopedConnection connectScoped(const SignalSubscriber& subscriber);
   // After it returns the subscriber is never called again, and no call of it is still
   // running on another thread (a subscriber may disconnect itself). False for an
   // unknown link.
@@ -78,12 +82,21 @@ class KA_API SignalBase {
   // do not fit), then delivers. A subscriber's call type wins over `callType`; Auto
   // everywhere means direct delivery. A subscriber that throws is logged; the others
   // still run and the emitter sees nothing.
-  void trigger(const AnyReferenceVector& args, MetaCallType callType = MetaCallType::Auto);
+  void trigger(const AnyReferenceVector& args, MetaCallType callType = MetaCallType::Auto) const;
 
  private:
   void notifySubscribers();
 
+ protected:
+  // A handle that disconnects `link` from this signal.
+  ScopedConnection scopedFor(SignalLink link);
+
+ private:
+  struct Lifeline;
+
   const std::vector<const TypeInterface*> _argumentTypes;
+  // Shared with the scoped connections, which reach the signal through it while it lives.
+  const std::shared_ptr<Lifeline> _lifeline;
   const OnSubscribers _onSubscribers;
   // Serialises the calls of _onSubscribers (held while it runs; it is the signal owner's
   // own hook, not a subscriber).
@@ -104,6 +117,7 @@ class Signal : public SignalBase {
   static std::vector<const TypeInterface*> staticArgumentTypes() { return {typeOf<T>()...}; }
 
   using SignalBase::connect;
+  using SignalBase::connectScoped;
   // Connects any callable taking the signal's arguments.
   template <typename F,
             typename = std::enable_if_t<!std::is_base_of<SignalSubscriber, std::decay_t<F>>::value>>
@@ -114,7 +128,17 @@ class Signal : public SignalBase {
                          callType));
   }
 
-  void operator()(const T&... args) { trigger(AnyReferenceVector{AnyReference::from(args)...}); }
+  // connect(f, callType), ended by the handle's destruction.
+  template <typename F,
+            typename = std::enable_if_t<!std::is_base_of<SignalSubscriber, std::decay_t<F>>::value>>
+  [[nodiscard]] ScopedConnection connectScoped(F&& f, MetaCallType callType = MetaCallType::Auto) {
+    const SignalLink link = connect(std::forward<F>(f), callType);
+    return scopedFor(link);
+  }
+
+  void operator()(const T&... args) const {
+    trigger(AnyReferenceVector{AnyReference::from(args)...});
+  }
 };
 
 }  // namespace ka
