@@ -22,9 +22,24 @@ LocalObject::LocalObject(ObjectTypePtr type, boost::shared_ptr<void> instance)
 
 LocalObject::~LocalObject() = default;
 
+namespace {
+
+// The arguments converted for `meta`; a failure names the method, which the caller may have
+// reached by name among overloads.
+PreparedArguments prepare(const MetaMethod& meta, const AnyReferenceVector& args) {
+  try {
+    return PreparedArguments(meta.parameterTypes, args);
+  } catch (const ArgumentError& e) {
+    throw ArgumentError("Invalid arguments for " + meta.name +
+                        meta.parametersSignature().toString() + ": " + e.what());
+  }
+}
+
+}  // namespace
+
 AnyValue LocalObject::invoke(std::size_t index, const AnyReferenceVector& args) {
   const MetaMethod& meta = _type->metaObject.methods()[index];
-  const PreparedArguments prepared(meta.parameterTypes, args);
+  const PreparedArguments prepared = prepare(meta, args);
   if (_type->threadingModel == ObjectThreadingModel::SingleThread) {
     SerialGate::Scope serial(_gate);
     return _type->methods[index].invoke(_instance.get(), prepared.pointers());

@@ -118,6 +118,11 @@ const MetaMethod& MetaObject::resolve(const std::string& name,
   if (candidates.empty()) {
     throw MethodResolutionError("Method \"" + name + "\" not found");
   }
+  // A single candidate of the right arity is the call: its argument conversion then fails with
+  // the reason ("7.5 is not integral"), which says more than "no overload accepts".
+  if (candidates.size() == 1 && candidates.front()->parameterTypes.size() == args.size()) {
+    return *candidates.front();
+  }
   std::vector<const MetaMethod*> tiers[3];
   for (const MetaMethod* m : candidates) {
     const int f = fitness(*m, args);
