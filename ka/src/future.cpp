@@ -26,6 +26,8 @@ void throwPromiseAlreadySet() {
 }
 
 SharedStateBase::SharedStateBase() = default;
+SharedStateBase::SharedStateBase(FutureState final, std::string error)
+    : state_(final), error_(std::move(error)) {}
 SharedStateBase::~SharedStateBase() = default;
 
 FutureState SharedStateBase::state() const {
@@ -144,9 +146,7 @@ void FutureBase::waitForValue(int msecs) const {
 }  // namespace detail
 
 Future<void> makeReadyFuture() {
-  Promise<void> promise;
-  promise.setValue();
-  return promise.future();
+  return Future<void>(std::make_shared<detail::SharedState<void>>(std::in_place));
 }
 
 }  // namespace ka

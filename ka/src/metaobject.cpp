@@ -1,6 +1,9 @@
 #include <ka/anyfunction.hpp>
 #include <ka/metaobject.hpp>
 
+#include <algorithm>
+#include <shared_mutex>
+
 namespace ka {
 
 Signature MetaMethod::parametersSignature() const {
@@ -19,8 +22,24 @@ Signature MetaSignal::signature() const {
   return tupleSignature(argumentTypes);
 }
 
+// Resolutions already made, by method name and then by the exact argument types.
+struct MetaObject::ResolutionCache {
+  struct Entry {
+    std::vector<const TypeInterface*> types;
+    std::size_t method;
+  };
+  // Per name, enough for the argument types a program really uses; past it, calls resolve
+  // the slow way rather than let a stream of odd calls grow memory.
+  static constexpr std::size_t kMaxPerName = 32;
+
+  std::shared_mutex mutex;
+  std::map<std::string, std::vector<Entry>, std::less<>> byName;  // guarded by mutex
+};
+
 MetaObject::MetaObject(std::vector<MetaMethod> methods, std::vector<MetaSignal> signals)
-    : _methods(std::move(methods)), _signals(std::move(signals)) {
+    : _methods(std::move(methods)),
+      _signals(std::move(signals)),
+      _cache(std::make_shared<ResolutionCache>()) {
   for (std::size_t i = 0; i < _methods.size(); ++i) {
     _methodIndex[_methods[i].uid] = i;
   }
@@ -112,8 +131,70 @@ std::string listCandidates(const std::vector<const MetaMethod*>& candidates) {
 
 }  // namespace
 
+namespace {
+
+bool sameTypes(const std::vector<const TypeInterface*>& types, const AnyReferenceVector& args) {
+  if (types.size() != args.size()) {
+    return false;
+  }
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (types[i] != args[i].type()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Dynamic arguments resolve by their content and unknown ones by C++ identity, which the
+// pointer of their type does not pin down across libraries: those are not remembered.
+bool cacheableTypes(const AnyReferenceVector& args) {
+  return std::all_of(args.begin(), args.end(), [](const AnyReference& a) {
+    return a.isValid() && a.type()->kind() != TypeKind::Dynamic &&
+           a.type()->kind() != TypeKind::Unknown;
+  });
+}
+
+}  // namespace
+
 const MetaMethod& MetaObject::resolve(const std::string& name,
                                       const AnyReferenceVector& args) const {
+  if (!_cache) {
+    bool typeOnly = false;
+    return resolveUncached(name, args, typeOnly);
+  }
+  {
+    std::shared_lock<std::shared_mutex> lock(_cache->mutex);
+    const auto it = _cache->byName.find(name);
+    if (it != _cache->byName.end()) {
+      for (const auto& entry : it->second) {
+        if (sameTypes(entry.types, args)) {
+          return _methods[entry.method];
+        }
+      }
+    }
+  }
+  bool typeOnly = false;
+  const MetaMethod& found = resolveUncached(name, args, typeOnly);
+  if (typeOnly && cacheableTypes(args)) {
+    std::vector<const TypeInterface*> types;
+    types.reserve(args.size());
+    for (const auto& a : args) {
+      types.push_back(a.type());
+    }
+    std::unique_lock<std::shared_mutex> lock(_cache->mutex);
+    auto& entries = _cache->byName[name];
+    if (entries.size() < ResolutionCache::kMaxPerName &&
+        std::none_of(entries.begin(), entries.end(),
+                     [&](const ResolutionCache::Entry& e) { return e.types == types; })) {
+      entries.push_back({std::move(types), static_cast<std::size_t>(&found - _methods.data())});
+    }
+  }
+  return found;
+}
+
+const MetaMethod& MetaObject::resolveUncached(const std::string& name,
+                                              const AnyReferenceVector& args,
+                                              bool& typeOnly) const {
   const auto candidates = methodsNamed(name);
   if (candidates.empty()) {
     throw MethodResolutionError("Method \"" + name + "\" not found");
@@ -121,6 +202,7 @@ const MetaMethod& MetaObject::resolve(const std::string& name,
   // A single candidate of the right arity is the call: its argument conversion then fails with
   // the reason ("7.5 is not integral"), which says more than "no overload accepts".
   if (candidates.size() == 1 && candidates.front()->parameterTypes.size() == args.size()) {
+    typeOnly = true;
     return *candidates.front();
   }
   std::vector<const MetaMethod*> tiers[3];
@@ -130,8 +212,12 @@ const MetaMethod& MetaObject::resolve(const std::string& name,
       tiers[f].push_back(m);
     }
   }
-  for (const auto& tier : tiers) {
+  for (std::size_t t = 0; t < 3; ++t) {
+    const auto& tier = tiers[t];
     if (tier.size() == 1) {
+      // Membership of the first two tiers depends on types alone; the third tries conversions
+      // whose success depends on the values (5 fits an int, 5000000000 does not).
+      typeOnly = t < 2;
       return *tier.front();
     }
     if (tier.size() > 1) {

@@ -60,6 +60,23 @@ TEST(FutureValue, EveryCopyAndWaiterGetsTheValueSetOnAnotherThreadEvenAfterThePr
   EXPECT_EQ(future.error(), "");
 }
 
+TEST(FutureValue, ReadingFromATemporaryLeavesTheValueToOtherCopies) {
+  const std::string big(1000, 'v');
+  ka::Future<std::string> first = ka::makeReadyFuture(big);
+  ka::Future<std::string> second = first;
+  // Another copy still holds the state: the value must be copied, not moved out.
+  EXPECT_EQ(std::move(first).value(), big);
+  EXPECT_EQ(second.value(), big);
+  EXPECT_EQ(std::move(second).value(), big);  // sole holder now: moved out
+  ka::Promise<std::string> promise;
+  ka::Future<std::string> waiting = promise.future();
+  std::thread setter([&] { promise.setValue(big); });
+  EXPECT_EQ(ka::Future<std::string>(waiting).value(kLimit), big);
+  EXPECT_EQ(waiting.value(kLimit), big);
+  setter.join();
+  EXPECT_EQ(ka::makeFutureError<int>("gone").error(), "gone");
+}
+
 TEST(FutureValue, VoidAndNonDefaultConstructibleFuturesFinishWithAValue) {
   Promise<void> promise;
   promise.setValue();

@@ -290,6 +290,53 @@ TEST(OverloadResolution, TellsTypesWithoutMiddlewareMeaningApartByIdentity) {
   EXPECT_EQ(o->call<std::string>("f", OpaqueA{}), "A");
 }
 
+// Resolutions are remembered by argument types; these outcomes must not be.
+TEST(OverloadResolution, ValueDependentChoicesAreMadeAgainForEveryCall) {
+  ka::DynamicObjectBuilder b;
+  b.advertiseMethod("g", [](std::int8_t) { return std::string("int8"); });
+  b.advertiseMethod("g", [](std::uint32_t) { return std::string("uint32"); });
+  b.advertiseMethod("g", [](const std::string&) { return std::string("string"); });
+  ka::AnyObject o = b.object();
+  for (int round = 0; round < 2; ++round) {
+    // Only the value tells which overload an int converts to.
+    EXPECT_EQ(o->call<std::string>("g", -5), "int8");
+    EXPECT_EQ(o->call<std::string>("g", 300), "uint32");
+    EXPECT_THROW(o->call<std::string>("g", -300), ka::FutureError);
+    // A dynamic value resolves by what it holds, which changes from call to call.
+    const ka::AnyValue number(std::int8_t{4});
+    const ka::AnyValue text(std::string("t"));
+    EXPECT_EQ(o->call<std::string>("g", ka::AnyReference::from(number)), "int8");
+    EXPECT_EQ(o->call<std::string>("g", ka::AnyReference::from(text)), "string");
+  }
+}
+
+TEST(OverloadResolution, HoldsUnderConcurrentCallsAndLongArgumentLists) {
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("f", [](int v) { return v; });
+  b.advertiseMethod("f", [](const std::string& s) { return static_cast<int>(s.size()); });
+  b.advertiseMethod("f", [](int a, int c, int d, int e, int g, int h, int i, int j) {
+    return a + c + d + e + g + h + i + j;
+  });
+  ka::AnyObject o = b.object();
+  EXPECT_EQ(o->call<int>("f", 1, 2, 3, 4, 5, 6, 7, 8), 36);
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 500; ++i) {
+        const bool ok = (i + t) % 2 == 0 ? o->call<int>("f", i) == i
+                                         : o->call<int>("f", std::string(i % 7, 'x')) == i % 7;
+        wrong += ok ? 0 : 1;
+      }
+    });
+  }
+  for (auto& t : threads) {
+    t.join();
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
 TEST(SignalLinks, CanBeDisconnectedThroughAnyHandleOfTheInstance) {
   auto instance = boost::make_shared<Calculator>();
   registerCalculator();

@@ -67,8 +67,9 @@ class KA_API PreparedArguments {
   void* const* pointers() const { return _pointers.data(); }
 
  private:
-  std::vector<void*> _pointers;
-  std::vector<AnyValue> _converted;
+  // Inline for the usual few arguments: a call that converts nothing allocates nothing here.
+  boost::container::small_vector<void*, 7> _pointers;
+  boost::container::small_vector<AnyValue, 2> _converted;
 };
 
 // Parameters receive the middleware's storage as lvalues, which the caller may have

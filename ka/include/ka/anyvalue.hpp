@@ -7,6 +7,8 @@
 #include <ka/signature.hpp>
 #include <ka/typeinterface.hpp>
 
+#include <boost/container/small_vector.hpp>
+
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -87,7 +89,8 @@ class KA_API AnyReference {
   void* _storage = nullptr;
 };
 
-using AnyReferenceVector = std::vector<AnyReference>;
+// Argument lists: calls rarely pass more than a few, which then need no heap allocation.
+using AnyReferenceVector = boost::container::small_vector<AnyReference, 6>;
 
 // An owning dynamic value. Default-constructed it is empty (invalid, no type),
 // which is distinct from the void value (type "v").

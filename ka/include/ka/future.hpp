@@ -136,9 +136,20 @@ class [[nodiscard]] Future : public detail::FutureBase {
 
   // The value (nothing for Future<void>). Throws FutureTimeoutError when time runs out, and
   // FutureError carrying the error text when the future failed or was canceled.
-  T value(int msecs = FutureTimeout_Infinite) const {
+  T value(int msecs = FutureTimeout_Infinite) const& {
     waitForValue(msecs);
     if constexpr (!std::is_void_v<T>) {
+      return typedState().value();
+    }
+  }
+  // The same; when this future is the only holder of the result, the value is moved out
+  // instead of copied (nobody else can ever read it).
+  T value(int msecs = FutureTimeout_Infinite) && {
+    waitForValue(msecs);
+    if constexpr (!std::is_void_v<T>) {
+      if (state_.use_count() == 1) {
+        return typedState().takeValue();
+      }
       return typedState().value();
     }
   }
@@ -294,9 +305,8 @@ Future<R> Future<T>::chain(Body&& body) const {
 // A future that already holds `value`.
 template <class T>
 Future<std::decay_t<T>> makeReadyFuture(T&& value) {
-  Promise<std::decay_t<T>> promise;
-  promise.setValue(std::forward<T>(value));
-  return promise.future();
+  using D = std::decay_t<T>;
+  return Future<D>(std::make_shared<detail::SharedState<D>>(std::in_place, std::forward<T>(value)));
 }
 
 // A Future<void> that already finished with success.
@@ -305,9 +315,7 @@ KA_API Future<void> makeReadyFuture();
 // A future that already failed with `error`.
 template <class T>
 Future<T> makeFutureError(const std::string& error) {
-  Promise<T> promise;
-  promise.setError(error);
-  return promise.future();
+  return Future<T>(std::make_shared<detail::SharedState<T>>(error));
 }
 
 }  // namespace ka

@@ -7,6 +7,7 @@
 #include <ka/signature.hpp>
 
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -59,13 +60,22 @@ class KA_API MetaObject {
   // content): an exact signature match wins, then a match where only parameters of
   // dynamic type ("m") differ, then the one overload to which every argument converts.
   // Throws MethodResolutionError when nothing fits or a tier has several candidates.
+  // Outcomes that depend only on the argument types are remembered per name and types, so
+  // a repeated call resolves without allocating.
   const MetaMethod& resolve(const std::string& name, const AnyReferenceVector& args) const;
 
  private:
+  struct ResolutionCache;
+  // The resolution itself; `typeOnly` tells whether the outcome depends on the types alone.
+  const MetaMethod& resolveUncached(const std::string& name, const AnyReferenceVector& args,
+                                    bool& typeOnly) const;
+
   std::vector<MetaMethod> _methods;
   std::vector<MetaSignal> _signals;
   std::map<unsigned int, std::size_t> _methodIndex;
   std::map<unsigned int, std::size_t> _signalIndex;
+  // Shared by copies, which have the same methods; it holds indices into _methods.
+  std::shared_ptr<ResolutionCache> _cache;
 };
 
 }  // namespace ka

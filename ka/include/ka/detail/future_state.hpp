@@ -35,6 +35,8 @@ class KA_API SharedStateBase {
   using Continuation = UniqueFunction<void()>;
 
   SharedStateBase();
+  // A state that is final from the start (a ready value or error): no promise, no waiting.
+  SharedStateBase(FutureState final, std::string error);
   virtual ~SharedStateBase();
   SharedStateBase(const SharedStateBase&) = delete;
   SharedStateBase& operator=(const SharedStateBase&) = delete;
@@ -92,6 +94,16 @@ class SharedState final : public SharedStateBase {
  public:
   using Stored = std::conditional_t<std::is_void_v<T>, Unit, T>;
 
+  SharedState() = default;
+  // Already holding a value.
+  template <class... Args>
+  explicit SharedState(std::in_place_t, Args&&... args)
+      : SharedStateBase(FutureState::FinishedWithValue, std::string()),
+        value_(std::in_place, std::forward<Args>(args)...) {}
+  // Already failed with `error`.
+  explicit SharedState(std::string error)
+      : SharedStateBase(FutureState::FinishedWithError, std::move(error)) {}
+
   template <class... Args>
   bool trySetValue(Args&&... args) {
     return finish(FutureState::FinishedWithValue,
@@ -100,6 +112,8 @@ class SharedState final : public SharedStateBase {
 
   // Only after state() or wait() reported FinishedWithValue.
   const Stored& value() const { return *value_; }
+  // The same, for a caller that holds the only reference to this state.
+  Stored takeValue() { return std::move(*value_); }
 
  private:
   // Written once under the base's mutex before the state becomes FinishedWithValue, read-only

@@ -1,6 +1,8 @@
-// Opening and closing sessions must not cost memory for good: once the transport makes every
-// client connection a session, anything kept per closed session is a leak per connection.
-// Counts the live allocations of the whole process through a replaced global operator new.
+// Memory that calls and sessions cost. Opening and closing sessions must not cost memory for
+// good: once the transport makes every client connection a session, anything kept per closed
+// session is a leak per connection. A repeated call must not allocate more than its result:
+// allocations are what made calls slow. Counts the allocations of the whole process through
+// a replaced global operator new.
 
 #include <ka/dynamicobjectbuilder.hpp>
 #include <ka/session.hpp>
@@ -13,6 +15,7 @@
 
 namespace {
 std::atomic<long> liveAllocations{0};
+std::atomic<long> allAllocations{0};
 
 void* allocate(std::size_t size) {
   void* p = std::malloc(size == 0 ? 1 : size);
@@ -20,6 +23,7 @@ void* allocate(std::size_t size) {
     throw std::bad_alloc();
   }
   liveAllocations.fetch_add(1, std::memory_order_relaxed);
+  allAllocations.fetch_add(1, std::memory_order_relaxed);
   return p;
 }
 
@@ -102,6 +106,42 @@ TEST(SessionMemory, ReturnsToItsBaselineAfterManySessionsOpenAndClose) {
   // A few hundred at most for bounded caches (the object cache prunes by doubling); anything
   // kept per session would show as thousands.
   EXPECT_LT(grown, 500) << grown << " allocations still live after " << kSessions << " sessions";
+}
+
+// Allocations made by `calls` calls of `call`, per call.
+template <typename F>
+double allocationsPerCall(int calls, F call) {
+  call();  // the first call may fill caches
+  const long before = allAllocations.load();
+  for (int i = 0; i < calls; ++i) {
+    call();
+  }
+  return static_cast<double>(allAllocations.load() - before) / calls;
+}
+
+TEST(CallMemory, ARepeatedCallAllocatesOnlyItsResult) {
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("add", [](int a, int c) { return a + c; });
+  b.advertiseMethod("add", [](const std::string& a, const std::string& c) { return a + c; });
+  const ka::AnyObject o = b.object();
+  const std::string word = "short";
+  int sum = 0;
+  // The int result is held by an AnyValue (1) in a ready future (1); resolution, arguments
+  // and the future's value allocate nothing.
+  EXPECT_LE(allocationsPerCall(1000, [&] { sum += o->call<int>("add", 1, 2); }), 2.0);
+  EXPECT_LE(allocationsPerCall(1000, [&] { (void)o->call<std::string>("add", word, word); }), 2.0);
+  const unsigned uid = o->metaObject().methodsNamed("add").front()->uid;
+  EXPECT_LE(allocationsPerCall(1000,
+                               [&] {
+                                 const int one = 1;
+                                 sum += (o->metaCall(uid, {ka::AnyReference::from(one),
+                                                           ka::AnyReference::from(one)}))
+                                            .value()
+                                            .to<int>();
+                               }),
+            2.0);
+  EXPECT_GT(sum, 0);
 }
 
 }  // namespace
