@@ -361,10 +361,10 @@ using ConcurrentCreation = FileStore;
 
 TEST_F(ConcurrentCreation, ManyProcessesOpeningOneNewStoreAtOnceAllSucceed) {
   constexpr int kChildren = 8;
-  constexpr int kMaxRounds = 6;
+  constexpr int kMaxRounds = 12;
   const auto start = std::chrono::steady_clock::now();
   for (int round = 0;
-       round < kMaxRounds && (round < 2 || std::chrono::steady_clock::now() - start < 2s);
+       round < kMaxRounds && (round < 3 || std::chrono::steady_clock::now() - start < 2s);
        ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     const std::string store = file("shared-" + std::to_string(round) + ".db");
