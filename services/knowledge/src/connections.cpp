@@ -1,10 +1,9 @@
 #include "connections.hpp"
 
-#include <algorithm>
-#include <climits>
-
 #include <sqlite3.h>
 
+#include "busy_wait.hpp"
+#include "file_inspection.hpp"
 #include "schema.hpp"
 #include "store_error.hpp"
 
@@ -12,24 +11,28 @@ namespace QV::detail {
 
 namespace {
 
-int busyTimeoutMs(const TripletStoreOptions& options) {
-  const auto ms = options.busyTimeout.count();
-  return ms < 0 ? 0 : static_cast<int>(std::min<decltype(ms)>(ms, INT_MAX));
-}
-
 // Settings every connection gets, whatever its role.
 void configure(SQLite::Database& db, const TripletStoreOptions& options) {
+  installBusyHandler(db.getHandle(), options.busyTimeout);
   db.exec("PRAGMA temp_store = MEMORY");
   db.exec("PRAGMA mmap_size = " + std::to_string(options.mappedBytes));
 }
 
+// Nothing opens the file for writing before inspectFile() accepted it. Until openSchema() accepts
+// it again under this connection (another process may have changed it in between), closing the
+// connection must not checkpoint a WAL into a file that is then refused.
 // Each connection is used by one thread at a time (the store's mutexes see to it), so SQLite's
 // own per-connection mutex is not needed.
 SQLite::Database openWriter(const std::string& path, const TripletStoreOptions& options,
                             bool inMemory) {
-  SQLite::Database db(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                      busyTimeoutMs(options));
-  openSchema(db, path, inMemory);
+  if (!inMemory) {
+    inspectFile(path, options);
+  }
+  SQLite::Database db(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX);
+  sqlite3_db_config(db.getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  installBusyHandler(db.getHandle(), options.busyTimeout);
+  openSchema(db, path, inMemory, options.busyTimeout);
+  sqlite3_db_config(db.getHandle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
   db.exec(options.durability == Durability::Full ? "PRAGMA synchronous = FULL"
                                                  : "PRAGMA synchronous = NORMAL");
   configure(db, options);
@@ -39,7 +42,7 @@ SQLite::Database openWriter(const std::string& path, const TripletStoreOptions& 
 }
 
 SQLite::Database openReader(const std::string& path, const TripletStoreOptions& options) {
-  SQLite::Database db(path, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, busyTimeoutMs(options));
+  SQLite::Database db(path, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX);
   configure(db, options);
   return db;
 }

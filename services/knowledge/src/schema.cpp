@@ -1,93 +1,16 @@
 #include "schema.hpp"
 
-#include <algorithm>
-#include <cstdio>
-
 #include <SQLiteCpp/Statement.h>
 #include <SQLiteCpp/Transaction.h>
 #include <sqlite3.h>
 
+#include "busy_wait.hpp"
+#include "file_identity.hpp"
 #include "store_error.hpp"
 
 namespace QV::detail {
 
 namespace {
-
-// What a file's header and catalogue say about who owns it.
-struct FileIdentity {
-  int applicationId = 0;
-  int userVersion = 0;
-  std::vector<std::string> objects;  // tables, indexes, views, triggers not internal to SQLite
-};
-
-enum class Verdict { Empty, CurrentStore };
-
-std::string joinNames(const std::vector<std::string>& names) {
-  constexpr std::size_t kShown = 5;
-  std::string text;
-  for (std::size_t i = 0; i < names.size() && i < kShown; ++i) {
-    text += (i == 0 ? "" : ", ") + names[i];
-  }
-  if (names.size() > kShown) {
-    text += ", ...";
-  }
-  return text;
-}
-
-FileIdentity readIdentity(SQLite::Database& db, const std::string& path) {
-  try {
-    FileIdentity identity;
-    identity.applicationId = db.execAndGet("PRAGMA application_id").getInt();
-    identity.userVersion = db.execAndGet("PRAGMA user_version").getInt();
-    SQLite::Statement list(db,
-                           "SELECT name FROM sqlite_master WHERE name NOT LIKE 'sqlite\\_%' "
-                           "ESCAPE '\\' ORDER BY name");
-    while (list.executeStep()) {
-      identity.objects.push_back(list.getColumn(0).getString());
-    }
-    return identity;
-  } catch (const SQLite::Exception& error) {
-    if (error.getErrorCode() == SQLITE_NOTADB) {
-      throw storeError(path, "the file is not a SQLite database");
-    }
-    throw storeError(path, std::string("cannot read the file: ") + error.what());
-  }
-}
-
-Verdict judge(const FileIdentity& identity, const std::string& path) {
-  const auto& objects = identity.objects;
-  if (identity.applicationId == kApplicationId) {
-    if (identity.userVersion > kSchemaVersion) {
-      throw storeError(path, "schema version " + std::to_string(identity.userVersion) +
-                                 " is newer than version " + std::to_string(kSchemaVersion) +
-                                 " supported by this build");
-    }
-    if (identity.userVersion != kSchemaVersion) {
-      throw storeError(path, "unknown schema version " + std::to_string(identity.userVersion));
-    }
-    if (std::find(objects.begin(), objects.end(), kTableName) == objects.end()) {
-      throw storeError(path,
-                       std::string("the store is damaged: table '") + kTableName + "' is missing");
-    }
-    return Verdict::CurrentStore;
-  }
-  if (identity.applicationId != 0) {
-    char id[16];
-    std::snprintf(id, sizeof id, "0x%08X", static_cast<unsigned>(identity.applicationId));
-    throw storeError(
-        path,
-        std::string("the database belongs to another application (application_id ") + id + ")");
-  }
-  if (!objects.empty()) {
-    throw storeError(
-        path, "the database belongs to another application (it holds " + joinNames(objects) + ")");
-  }
-  if (identity.userVersion != 0) {
-    throw storeError(path, "the database belongs to another application (user_version " +
-                               std::to_string(identity.userVersion) + ")");
-  }
-  return Verdict::Empty;
-}
 
 std::string createIndexSql(const IndexDefinition& index) {
   std::string sql = index.unique ? "CREATE UNIQUE INDEX " : "CREATE INDEX ";
@@ -111,8 +34,21 @@ void createSchema(SQLite::Database& db) {
   db.exec("PRAGMA user_version = " + std::to_string(kSchemaVersion));
 }
 
-void enableWal(SQLite::Database& db, const std::string& path) {
-  const std::string mode = db.execAndGet("PRAGMA journal_mode = WAL").getString();
+// Switching to WAL takes the file's exclusive lock without calling the busy handler: a busy
+// attempt is retried here, with the same backoff, for up to the busy timeout.
+void enableWal(SQLite::Database& db, const std::string& path, std::chrono::milliseconds timeout) {
+  std::string mode;
+  for (int attempt = 0;; ++attempt) {
+    try {
+      mode = db.execAndGet("PRAGMA journal_mode = WAL").getString();
+      break;
+    } catch (const SQLite::Exception& error) {
+      const int code = error.getErrorCode();
+      if ((code != SQLITE_BUSY && code != SQLITE_LOCKED) || !sleepBeforeRetry(attempt, timeout)) {
+        throw;
+      }
+    }
+  }
   if (mode != "wal") {
     throw storeError(path, "cannot use the WAL journal mode (SQLite kept '" + mode + "')");
   }
@@ -134,21 +70,27 @@ const std::vector<IndexDefinition>& tripletIndexes() {
   return indexes;
 }
 
-void openSchema(SQLite::Database& db, const std::string& path, bool inMemory) {
+void openSchema(SQLite::Database& db, const std::string& path, bool inMemory,
+                std::chrono::milliseconds busyTimeout) {
   if (sqlite3_db_readonly(db.getHandle(), "main") == 1) {
     throw storeError(path, "the file cannot be written (SQLite could open it read-only only)");
   }
-  const Verdict verdict = judge(readIdentity(db, path), path);
+  Verdict verdict;
+  try {
+    verdict = judge(readIdentity(db), path);
+  } catch (const SQLite::Exception& error) {
+    throwReadError(error, path);
+  }
   // Only an accepted file may be switched: the journal mode is recorded in the header.
   if (!inMemory) {
-    enableWal(db, path);
+    enableWal(db, path, busyTimeout);
   }
   if (verdict == Verdict::CurrentStore) {
     return;
   }
   SQLite::Transaction transaction(db, SQLite::TransactionBehavior::IMMEDIATE);
   // Judged again under the write lock: another process may have created the schema meanwhile.
-  if (judge(readIdentity(db, path), path) == Verdict::Empty) {
+  if (judge(readIdentity(db), path) == Verdict::Empty) {
     createSchema(db);
   }
   transaction.commit();

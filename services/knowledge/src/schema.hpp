@@ -2,6 +2,7 @@
 // The store's on-disk schema: its table, its indexes, how a file is recognised as a store of this
 // version, and how an empty file becomes one.
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,8 @@ const std::vector<IndexDefinition>& tripletIndexes();
 
 // Accepts the database behind `db` if it is empty or a store of this schema version, creating the
 // schema in the former case; throws KnowledgeStoreError naming `path` otherwise. Nothing is written
-// to a rejected file: every check reads only.
-void openSchema(SQLite::Database& db, const std::string& path, bool inMemory);
+// to a rejected file: every check reads only. Waits up to `busyTimeout` for the switch to WAL.
+void openSchema(SQLite::Database& db, const std::string& path, bool inMemory,
+                std::chrono::milliseconds busyTimeout);
 
 }  // namespace QV::detail

@@ -32,9 +32,21 @@ enum class Durability {
   Normal,
 };
 
+// How thoroughly an existing store is checked before it is accepted. Both read the whole file;
+// a damaged file is refused with the first problems found.
+enum class OpenCheck {
+  // PRAGMA quick_check: the structure of every page of the table and its indexes.
+  Quick,
+  // PRAGMA integrity_check: the same, and that every index holds exactly the rows of the table;
+  // several times slower.
+  Full,
+};
+
 struct TripletStoreOptions {
   Durability durability = Durability::Full;
-  // How long a write waits for another process holding the file's write lock before failing.
+  OpenCheck openCheck = OpenCheck::Quick;
+  // How long a call (or the open) waits for another process holding a lock on the file before
+  // failing. The wait tells the event loop that the thread blocks.
   std::chrono::milliseconds busyTimeout{5000};
   // Connections that serve reads in parallel (at least one). Ignored for ":memory:", where one
   // connection serves everything.
