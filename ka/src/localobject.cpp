@@ -171,7 +171,7 @@ void LocalObject::metaPost(unsigned int signalUid, const AnyReferenceVector& arg
 }
 
 void throwNullObject() {
-  throw std::runtime_error("Invalid GenericObject");
+  throw std::runtime_error("This object is null");
 }
 
 boost::shared_ptr<GenericObject> objectForInstance(const boost::shared_ptr<void>& instance,

@@ -104,7 +104,7 @@ TEST(FailureTexts, AreTheSameWhereverTheSameFailureHappens) {
     none->call<int>("id", 1);
     ADD_FAILURE() << "a call on an empty handle went through";
   } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Invalid GenericObject");
+    EXPECT_STREQ(e.what(), "This object is null");
   }
 
   ka::DynamicObjectBuilder b;

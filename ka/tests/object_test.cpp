@@ -168,7 +168,7 @@ TEST(ObjectHandle, ThatHoldsNothingThrowsOnEveryUse) {
       use();
       FAIL();
     } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "Invalid GenericObject");
+      EXPECT_STREQ(e.what(), "This object is null");
     }
   }
 }

@@ -40,7 +40,7 @@ class Object {
   template <typename U>
   Object(const Object<U>& other) : _object(other.asGenericObject()) {}
 
-  // Throws std::runtime_error "Invalid GenericObject" when the handle holds nothing.
+  // Throws std::runtime_error "This object is null" when the handle holds nothing.
   GenericObject* operator->() const {
     if (!_object) {
       detail::throwNullObject();
