@@ -1,8 +1,10 @@
 // Cost of the triplet store's calls on stores of 10k and 1M triplets shaped like user data: many
 // subjects (users) x ten predicates x three domains. A lookup should cost about the same at both
-// sizes; update is measured with both durability settings. Each call is measured twice: on the
-// store directly (the reference) and as the service "QVKnowledge" called by name through an
-// in-process middleware session, so the middleware's share is the ratio of the two.
+// sizes; update is measured with both durability settings. getObject is also measured on keys that
+// hold several objects each, stored against their byte order, so that they must be reordered. Each
+// call is measured twice: on the store directly (the reference) and as the service "QVKnowledge"
+// called by name through an in-process middleware session, so the middleware's share is the ratio
+// of the two.
 
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
@@ -16,6 +18,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -52,6 +55,20 @@ Triplet tripletAt(std::int64_t row) {
   return {domain, std::move(subject), predicate, std::move(object)};
 }
 
+// Keys holding kListLength objects each, added in descending byte order: the key index returns them
+// newest first, the reverse of the order getObject() gives.
+constexpr std::int64_t kListLength = 8;
+
+Triplet listTripletAt(std::int64_t row) {
+  char object[32];
+  std::snprintf(object, sizeof object, "member-%02lld",
+                static_cast<long long>(kListLength - 1 - row % kListLength));
+  return {"groups", subjectName(row / kListLength), "members", object};
+}
+
+// What a store holds: one object per key, or lists of kListLength objects per key.
+enum class Layout { Users, Lists };
+
 // Rows visited in a scattered order that repeats, so lookups do not walk the file sequentially.
 class RowPicker {
  public:
@@ -75,13 +92,16 @@ class Stores {
     return stores;
   }
 
-  std::shared_ptr<TripletStore> get(std::int64_t rows, Durability durability) {
+  std::shared_ptr<TripletStore> get(std::int64_t rows, Durability durability,
+                                    Layout layout = Layout::Users) {
     std::lock_guard lock(mutex_);
-    auto& store = stores_[{rows, durability}];
+    auto& store = stores_[{rows, durability, layout}];
     if (!store) {
-      const std::string path = (dir_ / ("store-" + std::to_string(rows) + ".db")).string();
+      const std::string path =
+          (dir_ / ((layout == Layout::Users ? "store-" : "lists-") + std::to_string(rows) + ".db"))
+              .string();
       if (!fs::exists(path)) {
-        load(path, rows);
+        load(path, rows, layout == Layout::Users ? tripletAt : listTripletAt);
       }
       QV::TripletStoreOptions options;
       options.durability = durability;
@@ -91,10 +111,10 @@ class Stores {
   }
 
   // The same store published as "QVKnowledge" on a session of its own.
-  ka::AnyObject service(std::int64_t rows, Durability durability) {
-    auto store = get(rows, durability);
+  ka::AnyObject service(std::int64_t rows, Durability durability, Layout layout) {
+    auto store = get(rows, durability, layout);
     std::lock_guard lock(mutex_);
-    auto& entry = services_[{rows, durability}];
+    auto& entry = services_[{rows, durability, layout}];
     if (!entry.second.isValid()) {
       entry.first = ka::makeSession();
       entry.first->registerService("QVKnowledge", QV::makeKnowledgeObject(store)).value();
@@ -118,34 +138,36 @@ class Stores {
     fs::remove_all(dir_, ignored);
   }
 
-  static void load(const std::string& path, std::int64_t rows) {
+  static void load(const std::string& path, std::int64_t rows, Triplet (*rowAt)(std::int64_t)) {
     constexpr std::int64_t kBatch = 100000;
     TripletStore store(path);
     std::vector<Triplet> batch;
     for (std::int64_t row = 0; row < rows;) {
       batch.clear();
       for (std::int64_t end = std::min(rows, row + kBatch); row < end; ++row) {
-        batch.push_back(tripletAt(row));
+        batch.push_back(rowAt(row));
       }
       store.addMany(batch);
     }
   }
 
-  std::mutex mutex_;  // guards stores_
+  using Key = std::tuple<std::int64_t, Durability, Layout>;
+  std::mutex mutex_;  // guards stores_ and services_
   fs::path dir_;
-  std::map<std::pair<std::int64_t, Durability>, std::shared_ptr<TripletStore>> stores_;
-  std::map<std::pair<std::int64_t, Durability>, std::pair<ka::SessionPtr, ka::AnyObject>> services_;
+  std::map<Key, std::shared_ptr<TripletStore>> stores_;
+  std::map<Key, std::pair<ka::SessionPtr, ka::AnyObject>> services_;
 };
 
 // One side of the comparison: the store called directly, or the service called by name.
 class Target {
  public:
-  Target(const benchmark::State& state, Durability durability = Durability::Full)
+  Target(const benchmark::State& state, Durability durability = Durability::Full,
+         Layout layout = Layout::Users)
       : _viaSession(state.range(1) != 0) {
     if (_viaSession) {
-      _service = Stores::instance().service(state.range(0), durability);
+      _service = Stores::instance().service(state.range(0), durability, layout);
     } else {
-      _store = Stores::instance().get(state.range(0), durability);
+      _store = Stores::instance().get(state.range(0), durability, layout);
     }
   }
   const char* label() const { return _viaSession ? "session" : "direct"; }
@@ -189,6 +211,19 @@ void BM_GetObject(benchmark::State& state) {
   RowPicker picker(state.range(0));
   for (auto _ : state) {
     auto objects = target.getObject(tripletAt(picker.next()));
+    benchmark::DoNotOptimize(objects);
+  }
+  state.SetItemsProcessed(state.iterations());
+  state.SetLabel(target.label());
+}
+
+// A key of kListLength objects per call: they arrive from the index in the reverse of the order
+// returned.
+void BM_GetObjectOfList(benchmark::State& state) {
+  Target target(state, Durability::Full, Layout::Lists);
+  RowPicker picker(state.range(0));
+  for (auto _ : state) {
+    auto objects = target.getObject(listTripletAt(picker.next()));
     benchmark::DoNotOptimize(objects);
   }
   state.SetItemsProcessed(state.iterations());
@@ -258,6 +293,10 @@ void sizesAndPaths(benchmark::internal::Benchmark* b) {
 }
 
 BENCHMARK(BM_GetObject)->Apply(sizesAndPaths)->ThreadRange(1, 2);
+BENCHMARK(BM_GetObjectOfList)
+    ->ArgsProduct({{10000}, {0, 1}})
+    ->ArgNames({"rows", "session"})
+    ->UseRealTime();
 BENCHMARK(BM_Contains)->Apply(sizesAndPaths);
 BENCHMARK(BM_QueryTripletBySubject)->Apply(sizesAndPaths);
 BENCHMARK(BM_Update)

@@ -9,6 +9,7 @@
 
 #include "prepared_statements.hpp"
 #include "qvknowledge/triplet_store.hpp"
+#include "sqlite_setup.hpp"
 
 namespace QV::detail {
 
@@ -17,6 +18,7 @@ namespace QV::detail {
 struct WriterConnection {
   WriterConnection(const std::string& path, const TripletStoreOptions& options, bool inMemory);
 
+  SqliteConfigured configured;  // before db: the process-wide settings precede the first open
   SQLite::Database db;
   WriteStatements writes;
   std::optional<ReadStatements> reads;  // in memory only
@@ -26,6 +28,7 @@ struct WriterConnection {
 struct ReaderConnection {
   ReaderConnection(const std::string& path, const TripletStoreOptions& options);
 
+  SqliteConfigured configured;  // before db: the process-wide settings precede the first open
   SQLite::Database db;
   ReadStatements reads;
 };

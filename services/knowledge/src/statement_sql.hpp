@@ -28,6 +28,7 @@ inline constexpr Shape domainFixedShape(std::size_t slot) {
 }
 
 // Value parameters are numbered by column (?1 = domain ... ?4 = object) in every statement.
+// getObjectSql() returns (id, object) in index order, not in id order.
 std::string getObjectSql();
 std::string containsSql(Shape shape);
 std::string querySql(Shape shape);

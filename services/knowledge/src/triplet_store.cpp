@@ -1,7 +1,11 @@
 #include "qvknowledge/triplet_store.hpp"
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <mutex>
+#include <numeric>
+#include <utility>
 
 #include <SQLiteCpp/Transaction.h>
 #include <sqlite3.h>
@@ -50,6 +54,45 @@ Shape shapeOf(const CallValues& values) {
   }
   return shape;
 }
+
+// A key's objects as the key index returns them (by object bytes), handed back by id: oldest first.
+class ObjectsById {
+ public:
+  void add(std::int64_t id, std::string object) {
+    // A single object, the common case, needs no list of ids.
+    if (objects_.empty()) {
+      firstId_ = id;
+    } else {
+      if (ids_.empty()) {
+        ids_.push_back(firstId_);
+      }
+      ids_.push_back(id);
+    }
+    objects_.push_back(std::move(object));
+  }
+
+  std::vector<std::string> oldestFirst() && {
+    // Objects added in byte order already arrive oldest first; they are returned as they are.
+    if (std::is_sorted(ids_.begin(), ids_.end())) {
+      return std::move(objects_);
+    }
+    std::vector<std::size_t> order(ids_.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::sort(order.begin(), order.end(),
+              [this](std::size_t a, std::size_t b) { return ids_[a] < ids_[b]; });
+    std::vector<std::string> sorted;
+    sorted.reserve(order.size());
+    for (std::size_t index : order) {
+      sorted.push_back(std::move(objects_[index]));
+    }
+    return sorted;
+  }
+
+ private:
+  std::vector<std::string> objects_;
+  std::int64_t firstId_ = 0;
+  std::vector<std::int64_t> ids_;  // of every object, once there are two or more
+};
 
 // Runs a statement that returns no rows, e.g. an insert or a delete.
 void execute(SQLite::Statement& statement, const CallValues& values) {
@@ -153,11 +196,11 @@ std::vector<std::string> TripletStore::getObject(const std::string& domain,
   return impl_->read("getObject", [&](detail::ReadStatements& reads) {
     StatementUse use(reads.getObject);
     detail::bindValues(*use, {&domain, &subject, &predicate, nullptr});
-    std::vector<std::string> objects;
+    ObjectsById objects;
     while (use->executeStep()) {
-      objects.push_back(detail::columnBytes(*use, 0));
+      objects.add(use->getColumn(0).getInt64(), detail::columnBytes(*use, 1));
     }
-    return objects;
+    return std::move(objects).oldestFirst();
   });
 }
 

@@ -53,8 +53,9 @@ struct TripletStoreOptions {
   std::size_t readConnections = 4;
   // How much of the file each connection may map into memory (PRAGMA mmap_size), so that a lookup
   // in a store larger than SQLite's page cache reads the OS cache without a system call per page.
-  // 0 turns mapping off.
-  std::size_t mappedBytes = std::size_t{1} << 30;
+  // 0 turns mapping off. A million short triplets take about 210 MB, so the default covers about
+  // ten million; SQLite caps the value at its build's limit (2 GiB - 64 KiB on Debian).
+  std::size_t mappedBytes = std::size_t{2} << 30;
 };
 
 struct Triplet {
