@@ -32,6 +32,7 @@ struct StoreCall {
   bool operator==(const StoreCall& other) const {
     return method == other.method && args == other.args;
   }
+  bool operator!=(const StoreCall& other) const { return !(*this == other); }
 };
 std::ostream& operator<<(std::ostream& out, const StoreCall& call);
 using StoreCalls = std::vector<StoreCall>;
