@@ -122,25 +122,5 @@ TEST_F(UserDataTest, TheEmptyAndTheVoidAnswersStayDistinctThroughAMiddlewareCall
   EXPECT_EQ(month.to<int>(), 6);
 }
 
-TEST_F(UserDataTest, ReadsPassStoreFailuresOnAndNeedAKnowledgeObject) {
-  knowledge.direct().update(kOther, "7", "nickname", "Ada");
-  knowledge.failCallsOf("getObject", "store is down");
-  EXPECT_THROW(store->get(7, "nickname", kOther), std::runtime_error);
-  EXPECT_THROW(store->getType(kOther, "nickname"), std::runtime_error);
-  knowledge.failCallsOf("");
-  handle->reset();
-  for (const auto& read :
-       std::vector<std::function<void()>>{[&] { (void)store->get(7, "nickname", kOther); },
-                                          [&] { (void)store->getType(kOther, "nickname"); },
-                                          [&] { (void)store->contains(7, "nickname", kOther); }}) {
-    try {
-      read();
-      FAIL() << "the knowledge object is gone";
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "This object is null");
-    }
-  }
-}
-
 }  // namespace
 }  // namespace userdata_test

@@ -196,14 +196,6 @@ TEST(CastData, ReadsBoolTextsByTheLexicalCastRules) {
   }
 }
 
-TEST(CastData, KeepsStringTextsAsTheyAre) {
-  for (const std::string text : {"", "abc", " 42 ", "1"}) {
-    const ka::AnyValue v = QV::QVUserInfoPrivate::castData(text, "string");
-    EXPECT_EQ(v.signature().toString(), "s");
-    EXPECT_EQ(v.to<std::string>(), text);
-  }
-}
-
 TEST(CastData, RefusesUnknownTypeNamesWithModuleAndMethodSwapped) {
   for (const std::string type : {"float", "Int", "", "string ", "l"}) {
     try {

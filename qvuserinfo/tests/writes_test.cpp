@@ -165,12 +165,6 @@ TEST_F(UserDataTest, RemovingAUserSparesOnlyThePhotoStorageDomainsAndOtherUsers)
   EXPECT_TRUE(logs().empty());
 }
 
-TEST_F(UserDataTest, RemovingUserMinusOneRemovesThatSubject) {
-  knowledge.direct().update(kOwnDomain, "-1", "name", "ghost");
-  store->removeUser(-1);
-  EXPECT_TRUE(knowledge.direct().queryTriplet("*", "-1", "*", "*").empty());
-}
-
 TEST_F(UserDataTest, RemovingAUserFromAnotherDomainSucceedsEvenWhenNothingWasThere) {
   knowledge.direct().update(kOther, "7", "score", "3");
   knowledge.direct().update(kOther, "7", "level", "9");
@@ -191,10 +185,17 @@ TEST_F(UserDataTest, AFailedRemovalStopsAUsersRemovalWhereItHappened) {
   EXPECT_EQ(calls().size(), 2u) << "the query, then the first removal";
 }
 
-TEST_F(UserDataTest, WritesAndRemovalsNeedAKnowledgeObject) {
+TEST_F(UserDataTest, EveryOperationPassesStoreFailuresOnAndNeedsAKnowledgeObject) {
   knowledge.direct().update(kOwnDomain, "7", "name", "Ada");
+  knowledge.failCallsOf("getObject", "store is down");
+  EXPECT_THROW(store->get(7, "name", kOther), std::runtime_error);
+  EXPECT_THROW(store->getType(kOther, "name"), std::runtime_error);
+  knowledge.failCallsOf("");
   handle->reset();
   const std::vector<std::function<void()>> edits = {
+      [&] { (void)store->get(7, "name", kOwnDomain); },
+      [&] { (void)store->getType(kOwnDomain, "name"); },
+      [&] { (void)store->contains(7, "name", kOwnDomain); },
       [&] { (void)store->update(7, "name", ka::AnyValue(std::string("Bob"))); },
       [&] { (void)store->set(7, "name", ka::AnyValue(std::string("Bob")), kOther); },
       [&] { (void)store->remove(7, "name"); },
