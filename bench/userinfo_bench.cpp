@@ -1,0 +1,291 @@
+// Cost of the user data store's get and of its writes on a knowledge store of 100k triplets
+// (10,000 users x 10 data names in the service's domain), called in-process through the
+// middleware, next to the raw cost of the SQL statements the same operations make, run as
+// prepared statements on the same file. The knowledge store's own calls without the middleware
+// are measured too, so that the share of SQLite, of the store and of the middleware can be told
+// apart. Both sides write with synchronous=NORMAL, so writes measure work rather than fsync.
+
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+
+#include <SQLiteCpp/SQLiteCpp.h>
+
+#include <boost/make_shared.hpp>
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "qvknowledge/knowledge_service.hpp"
+#include "qvknowledge/triplet_store.hpp"
+#include "qvuserinfoprivate.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kUsers = 10000;
+constexpr const char* kDomain = "com.quorvelin.userinfo";
+constexpr const char* kOtherDomain = "com.example.games";
+constexpr const char* kNames[] = {"name",      "fullname",   "gender",   "pronunciation",
+                                  "birthyear", "birthmonth", "birthday", "firstencounter",
+                                  "lastseen",  "nickname"};
+
+std::string valueOf(const std::string& name, int user) {
+  if (name == "gender") {
+    return user % 2 ? "m" : "f";
+  }
+  if (name == "birthmonth") {
+    return std::to_string(1 + user % 12);
+  }
+  if (name == "birthday") {
+    return std::to_string(1 + user % 28);
+  }
+  if (name == "birthyear") {
+    return std::to_string(1940 + user % 70);
+  }
+  if (name == "firstencounter" || name == "lastseen") {
+    return std::to_string(1700000000 + user);
+  }
+  return name + " of user " + std::to_string(user);
+}
+
+// Users visited in a scattered order that repeats.
+class UserPicker {
+ public:
+  int next() {
+    state_ = state_ * 6364136223846793005ULL + 1442695040888963407ULL;
+    return static_cast<int>((state_ >> 33) % kUsers);
+  }
+
+ private:
+  std::uint64_t state_ = 42;
+};
+
+// A prepared statement bound to text values as BLOBs, as the knowledge store binds them.
+void bindAll(SQLite::Statement& statement, const std::vector<const std::string*>& values) {
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    statement.bindNoCopy(static_cast<int>(i + 1), static_cast<const void*>(values[i]->data()),
+                         static_cast<int>(values[i]->size()));
+  }
+}
+
+std::vector<std::string> selectObjects(SQLite::Statement& statement, const std::string& d,
+                                       const std::string& s, const std::string& p) {
+  bindAll(statement, {&d, &s, &p});
+  std::vector<std::string> objects;
+  while (statement.executeStep()) {
+    objects.push_back(statement.getColumn(0).getString());
+  }
+  statement.reset();
+  return objects;
+}
+
+void execute(SQLite::Statement& statement, const std::vector<const std::string*>& values) {
+  bindAll(statement, values);
+  statement.exec();
+  statement.reset();
+}
+
+// One file store, served as "QVKnowledge" on an in-process session with a data store on it, and
+// two raw connections to the same file with the store's own SQL.
+class World {
+ public:
+  static World& instance() {
+    static World world;
+    return world;
+  }
+
+  std::shared_ptr<QV::TripletStore> tripletStore;
+  ka::SessionPtr session;
+  std::unique_ptr<QV::QVUserInfoPrivate> dataStore;
+  std::unique_ptr<SQLite::Database> reader;
+  std::unique_ptr<SQLite::Database> writer;
+  std::unique_ptr<SQLite::Statement> getObject;
+  std::unique_ptr<SQLite::Statement> removeKey;
+  std::unique_ptr<SQLite::Statement> insert;
+
+ private:
+  World() {
+    char pattern[] = "/tmp/userinfo-bench-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+      throw std::runtime_error("cannot create a temporary directory");
+    }
+    dir_ = pattern;
+    const std::string path = dir_ + "/knowledge.db";
+    QV::TripletStoreOptions options;
+    options.durability = QV::Durability::Normal;
+    tripletStore = std::make_shared<QV::TripletStore>(path, options);
+    std::vector<QV::Triplet> triplets;
+    triplets.reserve(kUsers * std::size(kNames));
+    for (int user = 0; user < kUsers; ++user) {
+      for (const char* name : kNames) {
+        triplets.push_back({kDomain, std::to_string(user), name, valueOf(name, user)});
+      }
+    }
+    tripletStore->addMany(triplets);
+
+    session = ka::makeSession();
+    session->registerService("QVKnowledge", QV::makeKnowledgeObject(tripletStore)).value(10000);
+    dataStore = std::make_unique<QV::QVUserInfoPrivate>(
+        boost::make_shared<ka::AnyObject>(session->service("QVKnowledge").value(10000)));
+
+    std::map<std::string, std::string> sql;
+    for (const auto& plan : tripletStore->explainQueryPlans()) {
+      sql[plan.statement] = plan.sql;
+    }
+    reader = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READONLY | SQLite::OPEN_NOMUTEX);
+    writer = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE | SQLite::OPEN_NOMUTEX,
+                                                5000);
+    for (auto* db : {reader.get(), writer.get()}) {
+      db->exec("PRAGMA temp_store = MEMORY");
+      db->exec("PRAGMA mmap_size = " + std::to_string(std::size_t{1} << 30));
+    }
+    writer->exec("PRAGMA synchronous = NORMAL");
+    getObject = std::make_unique<SQLite::Statement>(*reader, sql.at("getObject(d,s,p)"));
+    removeKey = std::make_unique<SQLite::Statement>(*writer, sql.at("remove(d,s,p,?)"));
+    insert = std::make_unique<SQLite::Statement>(*writer, sql.at("insert(d,s,p,o)"));
+  }
+
+  ~World() {
+    getObject.reset();
+    removeKey.reset();
+    insert.reset();
+    reader.reset();
+    writer.reset();
+    dataStore.reset();
+    session->close();
+    session.reset();
+    tripletStore.reset();
+    std::error_code ignored;
+    fs::remove_all(dir_, ignored);
+  }
+
+  std::string dir_;
+};
+
+// --- get ------------------------------------------------------------------------------------
+
+void BM_Get_DataStoreThroughMiddleware(benchmark::State& state) {
+  World& w = World::instance();
+  UserPicker users;
+  const std::string domain = kDomain;
+  const std::string name = "birthyear";
+  for (auto _ : state) {
+    ka::AnyValue v = w.dataStore->get(users.next(), name, domain);
+    benchmark::DoNotOptimize(v);
+  }
+}
+BENCHMARK(BM_Get_DataStoreThroughMiddleware);
+
+// The two lookups of get (the value, then its type record) on the store, without the middleware.
+void BM_Get_TripletStoreDirect(benchmark::State& state) {
+  World& w = World::instance();
+  UserPicker users;
+  const std::string domain = kDomain;
+  const std::string name = "birthyear";
+  const std::string rangeType = "rangeType";
+  for (auto _ : state) {
+    auto value = w.tripletStore->getObject(domain, std::to_string(users.next()), name);
+    auto type = w.tripletStore->getObject(domain, name, rangeType);
+    benchmark::DoNotOptimize(value);
+    benchmark::DoNotOptimize(type);
+  }
+}
+BENCHMARK(BM_Get_TripletStoreDirect);
+
+// The same two lookups as raw prepared statements on the same file.
+void BM_Get_RawSqlite(benchmark::State& state) {
+  World& w = World::instance();
+  UserPicker users;
+  const std::string domain = kDomain;
+  const std::string name = "birthyear";
+  const std::string rangeType = "rangeType";
+  for (auto _ : state) {
+    auto value = selectObjects(*w.getObject, domain, std::to_string(users.next()), name);
+    auto type = selectObjects(*w.getObject, domain, name, rangeType);
+    benchmark::DoNotOptimize(value);
+    benchmark::DoNotOptimize(type);
+  }
+}
+BENCHMARK(BM_Get_RawSqlite);
+
+// --- writes ---------------------------------------------------------------------------------
+
+// The typed write into the service's domain: the declared type is read, then the datum replaced.
+void BM_Update_DataStoreThroughMiddleware(benchmark::State& state) {
+  World& w = World::instance();
+  UserPicker users;
+  const std::string name = "birthyear";
+  int year = 1950;
+  for (auto _ : state) {
+    bool ok = w.dataStore->update(users.next(), name, ka::AnyValue(year++ % 70 + 1940));
+    benchmark::DoNotOptimize(ok);
+  }
+}
+BENCHMARK(BM_Update_DataStoreThroughMiddleware);
+
+void BM_Update_RawSqlite(benchmark::State& state) {
+  World& w = World::instance();
+  UserPicker users;
+  const std::string domain = kDomain;
+  const std::string name = "birthyear";
+  const std::string rangeType = "rangeType";
+  int year = 1950;
+  for (auto _ : state) {
+    auto type = selectObjects(*w.getObject, domain, name, rangeType);
+    benchmark::DoNotOptimize(type);
+    const std::string subject = std::to_string(users.next());
+    const std::string text = std::to_string(year++ % 70 + 1940);
+    SQLite::Transaction transaction(*w.writer, SQLite::TransactionBehavior::IMMEDIATE);
+    execute(*w.removeKey, {&domain, &subject, &name});
+    execute(*w.insert, {&domain, &subject, &name, &text});
+    transaction.commit();
+  }
+}
+BENCHMARK(BM_Update_RawSqlite);
+
+// The write into another domain: the type record, then the datum, each replaced.
+void BM_Set_DataStoreThroughMiddleware(benchmark::State& state) {
+  World& w = World::instance();
+  UserPicker users;
+  const std::string domain = kOtherDomain;
+  const std::string name = "score";
+  int score = 0;
+  for (auto _ : state) {
+    bool ok = w.dataStore->set(users.next(), name, ka::AnyValue(score++), domain);
+    benchmark::DoNotOptimize(ok);
+  }
+}
+BENCHMARK(BM_Set_DataStoreThroughMiddleware);
+
+void BM_Set_RawSqlite(benchmark::State& state) {
+  World& w = World::instance();
+  UserPicker users;
+  const std::string domain = kOtherDomain;
+  const std::string name = "score";
+  const std::string rangeType = "rangeType";
+  const std::string typeName = "int";
+  int score = 0;
+  for (auto _ : state) {
+    const std::string subject = std::to_string(users.next());
+    const std::string text = std::to_string(score++);
+    for (const auto& [s, p, o] :
+         {std::tuple{&name, &rangeType, &typeName}, std::tuple{&subject, &name, &text}}) {
+      SQLite::Transaction transaction(*w.writer, SQLite::TransactionBehavior::IMMEDIATE);
+      execute(*w.removeKey, {&domain, s, p});
+      execute(*w.insert, {&domain, s, p, o});
+      transaction.commit();
+    }
+  }
+}
+BENCHMARK(BM_Set_RawSqlite);
+
+}  // namespace
+
+BENCHMARK_MAIN();

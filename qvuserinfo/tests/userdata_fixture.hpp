@@ -1,0 +1,127 @@
+#pragma once
+// What the data store's tests share: a real in-memory knowledge store published on an in-process
+// session behind an object that records every call made to it, a capture of the log lines of the
+// service's categories, and a data store built on that session with a date of the test's choice.
+
+#include "qvuserinfoprivate.hpp"
+
+#include <qvknowledge/knowledge_service.hpp>
+
+#include <ka/log.hpp>
+#include <ka/session.hpp>
+
+#include <gtest/gtest.h>
+
+#include <QDate>
+
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace userdata_test {
+
+constexpr int kWaitMs = 10000;
+inline const std::string kOwnDomain = "com.quorvelin.userinfo";
+
+// One call received by the knowledge store: its method and its text arguments.
+struct StoreCall {
+  std::string method;
+  std::vector<std::string> args;
+  bool operator==(const StoreCall& other) const {
+    return method == other.method && args == other.args;
+  }
+  bool operator!=(const StoreCall& other) const { return !(*this == other); }
+};
+std::ostream& operator<<(std::ostream& out, const StoreCall& call);
+using StoreCalls = std::vector<StoreCall>;
+
+// "QVKnowledge" for the tests: forwards every call to a real in-memory store after recording it,
+// and fails the calls of one method on request.
+class RecordingKnowledge {
+ public:
+  RecordingKnowledge();
+
+  ka::AnyObject object() const { return object_; }
+  // The store itself, for seeding and inspecting without being recorded.
+  QV::KnowledgeService& direct() { return *state_->service; }
+
+  StoreCalls calls() const;
+  void clearCalls();
+  // Calls of `method` throw std::runtime_error(`text`) after being recorded; "" stops that.
+  void failCallsOf(const std::string& method, const std::string& text = "store is down");
+
+ private:
+  struct State {
+    std::unique_ptr<QV::KnowledgeService> service;
+    mutable std::mutex mutex;
+    StoreCalls calls;           // guarded by mutex
+    std::string failingMethod;  // guarded by mutex
+    std::string failureText;    // guarded by mutex
+    void record(const std::string& method, std::vector<std::string> args);
+  };
+  std::shared_ptr<State> state_;
+  ka::AnyObject object_;
+};
+
+// One log line as a handler receives it, with the fields the tests compare.
+struct LogLine {
+  ka::LogLevel level;
+  std::string category;
+  std::string function;
+  std::string message;
+  std::string file;
+  int line;
+  bool operator==(const LogLine& other) const {
+    return level == other.level && category == other.category && function == other.function &&
+           message == other.message && file == other.file && line == other.line;
+  }
+};
+std::ostream& operator<<(std::ostream& out, const LogLine& line);
+using LogLines = std::vector<LogLine>;
+
+// A line of the data store's category with no file and line 0, as every line of the store is.
+LogLine storeLine(ka::LogLevel level, const std::string& function, const std::string& message);
+
+// Collects the lines of the categories "QVUserInfo" and "QVUserInfoPrivate" while it lives.
+class LogCapture {
+ public:
+  LogCapture();
+  LogLines lines() const;
+  void clear();
+
+ private:
+  struct State {
+    mutable std::mutex mutex;
+    LogLines lines;  // guarded by mutex
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+  ka::log::ScopedHandler handler_;
+};
+
+class UserDataTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // A data store on the session's "QVKnowledge" whose today is `today` (read at each use).
+  std::unique_ptr<QV::QVUserInfoPrivate> makeStore();
+
+  StoreCalls calls() const { return knowledge.calls(); }
+  LogLines logs() const { return capture.lines(); }
+  void forget() {
+    knowledge.clearCalls();
+    capture.clear();
+  }
+
+  ka::SessionPtr session;
+  RecordingKnowledge knowledge;
+  QV::QVUserInfoPrivate::KnowledgeHandle handle;
+  std::shared_ptr<QDate> today = std::make_shared<QDate>(2026, 6, 15);
+  LogCapture capture;
+  // Built in SetUp; the declarations it made are forgotten.
+  std::unique_ptr<QV::QVUserInfoPrivate> store;
+};
+
+}  // namespace userdata_test
