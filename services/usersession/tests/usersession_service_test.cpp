@@ -303,7 +303,7 @@ TEST_F(UserSessionOverSession, UsersCreatedFromSeveralThreadsAtOnceGetDistinctId
     announced.insert(announced.end(), ids.begin(), ids.end());
   });
   constexpr int kThreads = 4;
-  constexpr int kMaxPerThread = 200;
+  constexpr int kMaxPerThread = 2000;
   const auto deadline = std::chrono::steady_clock::now() + 1s;
   std::vector<std::future<Ids>> workers;
   for (int t = 0; t < kThreads; ++t) {
