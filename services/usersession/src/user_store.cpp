@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -223,10 +224,19 @@ void createSchema(SQLite::Database& db) {
   db.exec("PRAGMA user_version = " + std::to_string(kUserSessionSchemaVersion));
 }
 
+// The knowledge store turns off SQLite's allocation statistics, which take a process-wide mutex on
+// every allocation, and SQLite accepts that only before its first connection: whichever store
+// opens first must do it, or the other's setting is refused for the whole process.
+void configureSqliteOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0); });
+}
+
 // Opens `path` read-write and accepts it only if it is empty or a store of this version, creating
 // the schema in the former case. Every check before acceptance only reads.
 SQLite::Database openStore(const std::string& path, const UserSessionOptions& options) {
   const bool inMemory = path == ":memory:";
+  configureSqliteOnce();
   try {
     SQLite::Database db(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX);
     installBusyHandler(db.getHandle(), options.busyTimeout);

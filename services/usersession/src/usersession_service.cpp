@@ -32,10 +32,19 @@ std::unique_lock<std::mutex> lockBlocking(std::mutex& mutex) {
   return lock;
 }
 
-void relockBlocking(std::unique_lock<std::mutex>& lock) {
-  if (!lock.try_lock()) {
+// Takes the lock back after an emission. Must not fail, or the announcing would stop for good:
+// when the loop refuses one more blocked worker, waits without telling it.
+void relockBlocking(std::unique_lock<std::mutex>& lock) noexcept {
+  if (lock.try_lock()) {
+    return;
+  }
+  try {
     ka::detail::BlockingScope blocking;
     lock.lock();
+  } catch (...) {
+    if (!lock.owns_lock()) {
+      lock.lock();
+    }
   }
 }
 
