@@ -1,0 +1,402 @@
+#include "user_store.hpp"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include <SQLiteCpp/Transaction.h>
+#include <sqlite3.h>
+#include <ka/detail/blocking_scope.hpp>
+
+namespace QV {
+
+// Out of line so the type information lives in this library only.
+UserSessionError::~UserSessionError() = default;
+
+namespace detail {
+
+namespace {
+
+UserSessionError storeError(const std::string& path, const std::string& reason) {
+  return UserSessionError("user session store '" + path + "': " + reason);
+}
+
+UserSessionError callFailed(const std::string& path, const char* operation,
+                            const SQLite::Exception& error) {
+  return storeError(path, std::string(operation) + " failed: " + error.what());
+}
+
+// --- waiting for another connection's lock -------------------------------------------------------
+
+// The knowledge store's backoff: short first steps for a lock held by one short transaction,
+// longer ones so that a long wait does not spin.
+constexpr int kStepsMs[] = {1, 2, 5, 10, 15, 20, 25, 25, 25, 50, 50, 100};
+constexpr int kStepCount = static_cast<int>(sizeof kStepsMs / sizeof kStepsMs[0]);
+
+std::int64_t sleptBeforeMs(int attempt) {
+  std::int64_t total = 0;
+  for (int i = 0; i < std::min(attempt, kStepCount); ++i) {
+    total += kStepsMs[i];
+  }
+  if (attempt > kStepCount) {
+    total += std::int64_t{attempt - kStepCount} * kStepsMs[kStepCount - 1];
+  }
+  return total;
+}
+
+// Sleeps before the `attempt`th retry unless the timeout is used up. The sleep holds a
+// BlockingScope, so an event loop worker waiting here lets the loop start a spare one; a loop that
+// refuses to block one more worker makes the call give up with SQLITE_BUSY at once.
+bool sleepBeforeRetry(int attempt, std::int64_t timeoutMs) noexcept {
+  const std::int64_t slept = sleptBeforeMs(attempt);
+  if (attempt < 0 || slept >= timeoutMs) {
+    return false;
+  }
+  const std::int64_t step =
+      std::min<std::int64_t>(kStepsMs[std::min(attempt, kStepCount - 1)], timeoutMs - slept);
+  try {
+    ka::detail::BlockingScope blocking;
+    std::this_thread::sleep_for(std::chrono::milliseconds(step));
+  } catch (...) {
+    return false;
+  }
+  return true;
+}
+
+// Called from SQLite's C frames: must not throw. The timeout travels in the context pointer.
+int onBusy(void* context, int attempt) noexcept {
+  const auto timeoutMs = static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(context));
+  return sleepBeforeRetry(attempt, timeoutMs) ? 1 : 0;
+}
+
+void installBusyHandler(sqlite3* db, std::chrono::milliseconds timeout) {
+  const auto ms = std::clamp<std::int64_t>(timeout.count(), 0, INT32_MAX);
+  sqlite3_busy_handler(db, &onBusy, reinterpret_cast<void*>(static_cast<std::intptr_t>(ms)));
+}
+
+// --- recognising the file ------------------------------------------------------------------------
+
+constexpr const char* kUsersTable = "users";
+constexpr const char* kFocusTable = "focus";
+
+struct Identity {
+  int applicationId = 0;
+  int userVersion = 0;
+  std::vector<std::string> objects;  // tables, indexes, views, triggers not internal to SQLite
+};
+
+enum class Verdict { Empty, Ours };
+
+Identity readIdentityHere(SQLite::Database& db) {
+  Identity identity;
+  identity.applicationId = db.execAndGet("PRAGMA application_id").getInt();
+  identity.userVersion = db.execAndGet("PRAGMA user_version").getInt();
+  SQLite::Statement list(db,
+                         "SELECT name FROM sqlite_master WHERE name NOT LIKE 'sqlite\\_%' "
+                         "ESCAPE '\\' ORDER BY name");
+  while (list.executeStep()) {
+    identity.objects.push_back(list.getColumn(0).getString());
+  }
+  return identity;
+}
+
+// In one read transaction (or the caller's), so that a schema another process creates meanwhile
+// is seen whole or not at all.
+Identity readIdentity(SQLite::Database& db) {
+  if (sqlite3_get_autocommit(db.getHandle()) == 0) {
+    return readIdentityHere(db);
+  }
+  SQLite::Transaction transaction(db);
+  Identity identity = readIdentityHere(db);
+  transaction.commit();
+  return identity;
+}
+
+std::string hex(int value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(value));
+  return text;
+}
+
+bool holds(const std::vector<std::string>& objects, const char* name) {
+  return std::find(objects.begin(), objects.end(), name) != objects.end();
+}
+
+Verdict judge(const Identity& identity, const std::string& path) {
+  if (identity.applicationId == kUserSessionApplicationId) {
+    if (identity.userVersion > kUserSessionSchemaVersion) {
+      throw storeError(path, "schema version " + std::to_string(identity.userVersion) +
+                                 " is newer than version " +
+                                 std::to_string(kUserSessionSchemaVersion) +
+                                 " supported by this build");
+    }
+    if (identity.userVersion != kUserSessionSchemaVersion) {
+      throw storeError(path, "unknown schema version " + std::to_string(identity.userVersion));
+    }
+    for (const char* table : {kUsersTable, kFocusTable}) {
+      if (!holds(identity.objects, table)) {
+        throw storeError(path,
+                         std::string("the store is damaged: table '") + table + "' is missing");
+      }
+    }
+    return Verdict::Ours;
+  }
+  if (identity.applicationId == kKnowledgeApplicationId) {
+    throw storeError(path,
+                     "the file is a knowledge store, not a user session store (application_id " +
+                         hex(identity.applicationId) + ")");
+  }
+  if (identity.applicationId != 0) {
+    throw storeError(path, "the database belongs to another application (application_id " +
+                               hex(identity.applicationId) + ")");
+  }
+  if (!identity.objects.empty()) {
+    std::string names;
+    for (const auto& name : identity.objects) {
+      names += (names.empty() ? "" : ", ") + name;
+    }
+    throw storeError(path, "the database belongs to another application (it holds " + names + ")");
+  }
+  if (identity.userVersion != 0) {
+    throw storeError(path, "the database belongs to another application (user_version " +
+                               std::to_string(identity.userVersion) + ")");
+  }
+  return Verdict::Empty;
+}
+
+[[noreturn]] void throwOpenError(const SQLite::Exception& error, const std::string& path) {
+  switch (error.getErrorCode()) {
+    case SQLITE_NOTADB:
+      throw storeError(path, "the file is not a SQLite database");
+    case SQLITE_CORRUPT:
+      throw storeError(path, std::string("the file is damaged: ") + error.what());
+    default:
+      throw storeError(path, std::string("cannot open the file: ") + error.what());
+  }
+}
+
+void checkIntegrity(SQLite::Database& db, const std::string& path) {
+  SQLite::Statement check(db, "PRAGMA quick_check(3)");
+  std::string problems;
+  while (check.executeStep()) {
+    const std::string line = check.getColumn(0).getString();
+    if (line != "ok") {
+      problems += (problems.empty() ? "" : "; ") + line;
+    }
+  }
+  if (!problems.empty()) {
+    throw storeError(path, "the file is damaged: quick_check found: " + problems);
+  }
+}
+
+// Switching to WAL takes the exclusive lock without calling the busy handler: retried here with
+// the same backoff.
+void enableWal(SQLite::Database& db, const std::string& path, std::chrono::milliseconds timeout) {
+  std::string mode;
+  for (int attempt = 0;; ++attempt) {
+    try {
+      mode = db.execAndGet("PRAGMA journal_mode = WAL").getString();
+      break;
+    } catch (const SQLite::Exception& error) {
+      const int code = error.getErrorCode();
+      if ((code != SQLITE_BUSY && code != SQLITE_LOCKED) ||
+          !sleepBeforeRetry(attempt, timeout.count())) {
+        throw;
+      }
+    }
+  }
+  if (mode != "wal") {
+    throw storeError(path, "cannot use the WAL journal mode (SQLite kept '" + mode + "')");
+  }
+}
+
+// AUTOINCREMENT keeps the largest id ever handed out in sqlite_sequence, so a deleted highest id
+// is not handed out again, across restarts too. At most one focus row, naming a user.
+void createSchema(SQLite::Database& db) {
+  db.exec(std::string("CREATE TABLE ") + kUsersTable + " (id INTEGER PRIMARY KEY AUTOINCREMENT)");
+  db.exec(std::string("CREATE TABLE ") + kFocusTable +
+          " (slot INTEGER PRIMARY KEY CHECK (slot = 1), user_id INTEGER NOT NULL)");
+  db.exec("PRAGMA application_id = " + std::to_string(kUserSessionApplicationId));
+  db.exec("PRAGMA user_version = " + std::to_string(kUserSessionSchemaVersion));
+}
+
+// The knowledge store turns off SQLite's allocation statistics, which take a process-wide mutex on
+// every allocation, and SQLite accepts that only before its first connection: whichever store
+// opens first must do it, or the other's setting is refused for the whole process.
+void configureSqliteOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0); });
+}
+
+// Opens `path` read-write and accepts it only if it is empty or a store of this version, creating
+// the schema in the former case. Every check before acceptance only reads.
+SQLite::Database openStore(const std::string& path, const UserSessionOptions& options) {
+  const bool inMemory = path == ":memory:";
+  configureSqliteOnce();
+  try {
+    SQLite::Database db(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX);
+    installBusyHandler(db.getHandle(), options.busyTimeout);
+    if (sqlite3_db_readonly(db.getHandle(), "main") == 1) {
+      throw storeError(path, "the file cannot be written (SQLite could open it read-only only)");
+    }
+    const Verdict verdict = judge(readIdentity(db), path);
+    if (verdict == Verdict::Ours) {
+      checkIntegrity(db, path);
+    }
+    if (!inMemory) {
+      enableWal(db, path, options.busyTimeout);
+    }
+    db.exec(options.durability == Durability::Full ? "PRAGMA synchronous = FULL"
+                                                   : "PRAGMA synchronous = NORMAL");
+    if (verdict == Verdict::Empty) {
+      SQLite::Transaction transaction(db, SQLite::TransactionBehavior::IMMEDIATE);
+      // Judged again under the write lock: another process may have created it meanwhile.
+      if (judge(readIdentity(db), path) == Verdict::Empty) {
+        createSchema(db);
+      }
+      transaction.commit();
+    }
+    return db;
+  } catch (const SQLite::Exception& error) {
+    throwOpenError(error, path);
+  }
+}
+
+}  // namespace
+
+UserStore::UserStore(const std::string& path, const UserSessionOptions& options)
+    : _path(path),
+      _db(openStore(path, options)),
+      _exists(_db, "SELECT 1 FROM users WHERE id = ?"),
+      _focused(_db, "SELECT user_id FROM focus WHERE slot = 1") {}
+
+int UserStore::focused() {
+  try {
+    return focusedHere();
+  } catch (const SQLite::Exception& error) {
+    throw callFailed(_path, "getFocusedUser", error);
+  }
+}
+
+bool UserStore::exists(int userId) {
+  try {
+    return existsHere(userId);
+  } catch (const SQLite::Exception& error) {
+    throw callFailed(_path, "doesUserExist", error);
+  }
+}
+
+// Each prepared read is reset once it has its answer: a statement left on its row would keep
+// the connection's read transaction, and with it an old snapshot, open.
+int UserStore::focusedHere() {
+  _focused.reset();
+  const int id =
+      _focused.executeStep() ? _focused.getColumn(0).getInt() : UserSessionService::kNoUser;
+  _focused.reset();
+  return id;
+}
+
+bool UserStore::existsHere(int userId) {
+  _exists.reset();
+  _exists.bind(1, userId);
+  const bool found = _exists.executeStep();
+  _exists.reset();
+  return found;
+}
+
+std::vector<int> UserStore::all() {
+  try {
+    std::vector<int> ids;
+    SQLite::Statement list(_db, "SELECT id FROM users ORDER BY id");
+    while (list.executeStep()) {
+      ids.push_back(list.getColumn(0).getInt());
+    }
+    return ids;
+  } catch (const SQLite::Exception& error) {
+    throw callFailed(_path, "users", error);
+  }
+}
+
+int UserStore::create() {
+  std::int64_t id = 0;
+  try {
+    SQLite::Transaction transaction(_db, SQLite::TransactionBehavior::IMMEDIATE);
+    _db.exec("INSERT INTO users DEFAULT VALUES");
+    id = _db.getLastInsertRowid();
+    if (id <= 0 || id > std::numeric_limits<int>::max()) {
+      // Rolled back by the transaction's destructor: ids are 32-bit on the wire.
+      throw storeError(_path, "createUser failed: no user id left");
+    }
+    transaction.commit();
+  } catch (const SQLite::Exception& error) {
+    throw callFailed(_path, "createUser", error);
+  }
+  return static_cast<int>(id);
+}
+
+std::optional<Deletion> UserStore::remove(const std::vector<int>& userIds) {
+  if (std::set<int>(userIds.begin(), userIds.end()).size() != userIds.size()) {
+    return std::nullopt;
+  }
+  try {
+    SQLite::Transaction transaction(_db, SQLite::TransactionBehavior::IMMEDIATE);
+    for (const int id : userIds) {
+      if (!existsHere(id)) {
+        return std::nullopt;  // rolled back: nothing was written yet
+      }
+    }
+    const int focusedId = focusedHere();
+    SQLite::Statement erase(_db, "DELETE FROM users WHERE id = ?");
+    Deletion deletion;
+    for (const int id : userIds) {
+      erase.reset();
+      erase.bind(1, id);
+      erase.exec();
+      deletion.focusCleared = deletion.focusCleared || id == focusedId;
+    }
+    if (deletion.focusCleared) {
+      _db.exec("DELETE FROM focus");
+    }
+    transaction.commit();
+    return deletion;
+  } catch (const SQLite::Exception& error) {
+    throw callFailed(_path, "deleteUsers", error);
+  }
+}
+
+std::optional<bool> UserStore::focus(int userId) {
+  try {
+    SQLite::Transaction transaction(_db, SQLite::TransactionBehavior::IMMEDIATE);
+    if (!existsHere(userId)) {
+      return std::nullopt;
+    }
+    if (focusedHere() == userId) {
+      return false;
+    }
+    SQLite::Statement set(_db, "INSERT OR REPLACE INTO focus (slot, user_id) VALUES (1, ?)");
+    set.bind(1, userId);
+    set.exec();
+    transaction.commit();
+    return true;
+  } catch (const SQLite::Exception& error) {
+    throw callFailed(_path, "setFocusedUser", error);
+  }
+}
+
+bool UserStore::clearFocus() {
+  try {
+    SQLite::Transaction transaction(_db, SQLite::TransactionBehavior::IMMEDIATE);
+    const bool wasFocused = _db.exec("DELETE FROM focus") > 0;
+    transaction.commit();
+    return wasFocused;
+  } catch (const SQLite::Exception& error) {
+    throw callFailed(_path, "clearFocus", error);
+  }
+}
+
+}  // namespace detail
+}  // namespace QV

@@ -1,0 +1,256 @@
+// The user-session file: ids and the focus across restarts, ids never reused, refused files, and
+// the file living beside the knowledge store without either store touching the other's.
+
+#include <qvusersession/usersession_service.hpp>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using QV::UserSessionError;
+using QV::UserSessionOptions;
+using QV::UserSessionService;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using Ids = std::vector<int>;
+
+std::string readBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string openError(const std::string& path) {
+  try {
+    UserSessionService service(path);
+  } catch (const UserSessionError& error) {
+    return error.what();
+  }
+  return "";
+}
+
+class UserSessionFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "qvusersession-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    dir = pattern;
+    path = file("users.db");
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    fs::remove_all(dir, ignored);
+  }
+  std::string file(const std::string& name) const { return (dir / name).string(); }
+
+  // Refused with a text that names the file and the reason, leaving the main file as it was.
+  void expectRefusedUnchanged(const std::string& at, const std::string& reason) {
+    const std::string before = readBytes(at);
+    const std::string error = openError(at);
+    EXPECT_THAT(error, HasSubstr("user session store '" + at + "'"));
+    EXPECT_THAT(error, HasSubstr(reason));
+    EXPECT_EQ(readBytes(at), before) << "the refused file changed";
+  }
+
+  fs::path dir;
+  std::string path;
+};
+
+using UserIdsAcrossRestarts = UserSessionFile;
+
+TEST_F(UserIdsAcrossRestarts, AreNeverReusedEvenAfterTheHighestIsDeletedAndTheServiceRestarts) {
+  {
+    UserSessionService service(path);
+    EXPECT_EQ(service.createUser(), 1);
+    EXPECT_EQ(service.createUser(), 2);
+    EXPECT_EQ(service.createUser(), 3);
+    ASSERT_TRUE(service.deleteUsers({3}));
+    EXPECT_EQ(service.createUser(), 4) << "the deleted highest id came back in the same run";
+    ASSERT_TRUE(service.deleteUsers({4, 2}));
+  }
+  UserSessionService restarted(path);
+  EXPECT_THAT(restarted.users(), ElementsAre(1));
+  EXPECT_EQ(restarted.createUser(), 5) << "the deleted highest id came back after a restart";
+}
+
+TEST_F(UserIdsAcrossRestarts, RunningOutOfIdsFailsClearlyAndChangesNothing) {
+  {
+    UserSessionService service(path);
+    service.createUser();
+  }
+  {
+    SQLite::Database raw(path, SQLite::OPEN_READWRITE);
+    raw.exec("UPDATE sqlite_sequence SET seq = " + std::to_string(std::numeric_limits<int>::max()) +
+             " WHERE name = 'users'");
+  }
+  UserSessionService service(path);
+  EXPECT_THAT([&] { service.createUser(); },
+              ::testing::ThrowsMessage<UserSessionError>(HasSubstr("no user id left")));
+  EXPECT_THAT(service.users(), ElementsAre(1));
+}
+
+TEST_F(UserIdsAcrossRestarts, AnInMemoryStoreStartsAgainFromOne) {
+  { UserSessionService(":memory:").createUser(); }
+  EXPECT_EQ(UserSessionService(":memory:").createUser(), 1);
+}
+
+using FocusAcrossRestarts = UserSessionFile;
+
+TEST_F(FocusAcrossRestarts, TheFocusedUserIsStillFocusedAfterARestart) {
+  {
+    UserSessionService service(path);
+    service.createUser();
+    ASSERT_TRUE(service.setFocusedUser(service.createUser()));
+  }
+  EXPECT_EQ(UserSessionService(path).getFocusedUser(), 2);
+}
+
+TEST_F(FocusAcrossRestarts, AClearedFocusAndOneClearedByDeletingItsUserStayClearedAfterARestart) {
+  {
+    UserSessionService service(path);
+    ASSERT_TRUE(service.setFocusedUser(service.createUser()));
+    service.clearFocus();
+  }
+  {
+    UserSessionService service(path);
+    EXPECT_EQ(service.getFocusedUser(), -1);
+    ASSERT_TRUE(service.setFocusedUser(1));
+    ASSERT_TRUE(service.deleteUsers({1}));
+  }
+  EXPECT_EQ(UserSessionService(path).getFocusedUser(), -1);
+}
+
+using RefusedFile = UserSessionFile;
+
+TEST_F(RefusedFile, AFileThatIsNotADatabaseIsRefused) {
+  std::ofstream(path) << std::string(8192, 'x');
+  expectRefusedUnchanged(path, "the file is not a SQLite database");
+}
+
+TEST_F(RefusedFile, ADatabaseOfAnotherApplicationIsRefusedByItsIdOrByItsTables) {
+  {
+    SQLite::Database other(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+    other.exec("PRAGMA application_id = 1234");
+  }
+  expectRefusedUnchanged(path, "belongs to another application (application_id 0x000004D2)");
+  const std::string tables = file("tables.db");
+  {
+    SQLite::Database other(tables, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+    other.exec("CREATE TABLE users (name TEXT)");
+  }
+  expectRefusedUnchanged(tables, "belongs to another application (it holds users)");
+}
+
+TEST_F(RefusedFile, AStoreOfANewerVersionOrWithATableMissingIsRefused) {
+  { UserSessionService service(path); }
+  {
+    SQLite::Database raw(path, SQLite::OPEN_READWRITE);
+    raw.exec("PRAGMA user_version = 2");
+  }
+  expectRefusedUnchanged(path, "schema version 2 is newer than version 1");
+  {
+    SQLite::Database raw(path, SQLite::OPEN_READWRITE);
+    raw.exec("PRAGMA user_version = 1");
+    raw.exec("DROP TABLE focus");
+  }
+  expectRefusedUnchanged(path, "the store is damaged: table 'focus' is missing");
+}
+
+TEST_F(RefusedFile, AStoreWithADamagedPageIsRefused) {
+  {
+    UserSessionService service(path);
+    for (int i = 0; i < 5; ++i) {
+      service.createUser();
+    }
+  }
+  int root = 0;
+  std::uint32_t pageSize = 0;
+  {
+    SQLite::Database raw(path, SQLite::OPEN_READONLY);
+    root = raw.execAndGet("SELECT rootpage FROM sqlite_master WHERE name = 'users'").getInt();
+    pageSize = static_cast<std::uint32_t>(raw.execAndGet("PRAGMA page_size").getInt());
+  }
+  ASSERT_GT(root, 1);
+  {
+    // The b-tree page type byte: 0xFF is none of the four SQLite knows.
+    std::fstream bytes(path, std::ios::binary | std::ios::in | std::ios::out);
+    bytes.seekp(static_cast<std::streamoff>(std::uint64_t{pageSize} * (root - 1)));
+    bytes.put(static_cast<char>(0xFF));
+  }
+  expectRefusedUnchanged(path, "the file is damaged");
+}
+
+TEST_F(RefusedFile, AFileInAMissingDirectoryIsRefusedWithTheReason) {
+  const std::string missing = file("no-such-dir/users.db");
+  EXPECT_THAT(openError(missing),
+              HasSubstr("user session store '" + missing + "': cannot open the file"));
+}
+
+TEST_F(RefusedFile, AWriteBlockedByAnotherConnectionGivesUpAfterTheBusyTimeoutChangingNothing) {
+  UserSessionOptions options;
+  options.busyTimeout = 50ms;
+  UserSessionService service(path, options);
+  EXPECT_EQ(service.createUser(), 1);
+  {
+    SQLite::Database other(path, SQLite::OPEN_READWRITE);
+    other.exec("BEGIN IMMEDIATE");
+    EXPECT_THAT([&] { service.createUser(); },
+                ::testing::ThrowsMessage<UserSessionError>(HasSubstr("createUser failed")));
+    other.exec("ROLLBACK");
+  }
+  EXPECT_THAT(service.users(), ElementsAre(1));
+  EXPECT_EQ(service.createUser(), 2) << "a failed create must not use up an id";
+}
+
+// The knowledge store and the users live in two files side by side; neither store accepts the
+// other's file, so a swapped path can never make one write into the other's tables.
+using BesideTheKnowledgeStore = UserSessionFile;
+
+TEST_F(BesideTheKnowledgeStore, BothStoresOpenAgainWithTheirDataAfterWorkingSideBySide) {
+  const std::string knowledge = file("knowledge.db");
+  const std::string users = QV::userSessionPathBeside(knowledge);
+  EXPECT_EQ(fs::path(users).parent_path(), fs::path(knowledge).parent_path());
+  {
+    QV::TripletStore store(knowledge);
+    UserSessionService service(users);
+    store.add("dom", "1", "name", "Ada");
+    service.setFocusedUser(service.createUser());
+  }
+  QV::TripletStore store(knowledge);
+  UserSessionService service(users);
+  EXPECT_EQ(store.getObject("dom", "1", "name"), std::vector<std::string>{"Ada"});
+  EXPECT_EQ(service.getFocusedUser(), 1);
+}
+
+TEST_F(BesideTheKnowledgeStore, NeitherStoreAcceptsTheOthersFile) {
+  const std::string knowledge = file("knowledge.db");
+  const std::string users = QV::userSessionPathBeside(knowledge);
+  { QV::TripletStore(knowledge).add("dom", "1", "name", "Ada"); }
+  { UserSessionService(users).createUser(); }
+  expectRefusedUnchanged(knowledge, "the file is a knowledge store, not a user session store");
+  const std::string before = readBytes(users);
+  EXPECT_THROW(QV::TripletStore store(users), QV::KnowledgeStoreError);
+  EXPECT_EQ(readBytes(users), before);
+  EXPECT_EQ(QV::TripletStore(knowledge).getObject("dom", "1", "name"),
+            std::vector<std::string>{"Ada"});
+}
+
+TEST_F(BesideTheKnowledgeStore, TheUsersFileIsInWalModeLikeTheKnowledgeStore) {
+  { UserSessionService(path).createUser(); }
+  SQLite::Database raw(path, SQLite::OPEN_READONLY);
+  EXPECT_EQ(raw.execAndGet("PRAGMA journal_mode").getString(), "wal");
+}
+
+}  // namespace
