@@ -15,10 +15,11 @@ int notValid(const char* message) {
   return -1;
 }
 
-// A birth datum that is missing, or stored as a text that is not a number (read as the void
-// value), counts as not valid.
+// Only a birth datum that is not stored counts as not valid. One that is stored but does not
+// read as an integer (the void value of a text that does not parse, or an untyped text) fails
+// the integer read with the middleware's conversion error, which the caller receives.
 bool readPart(const ka::AnyValue& value, int& part) {
-  if (!value.isValid() || value.kind() != ka::TypeKind::Int) {
+  if (!value.isValid()) {
     return false;
   }
   part = static_cast<int>(userdata::readInt64(value));

@@ -2,6 +2,7 @@
 
 #include "userdata_fixture.hpp"
 
+#include <functional>
 #include <tuple>
 #include <vector>
 
@@ -88,11 +89,38 @@ TEST_F(AgeTest, AMissingBirthDatumIsReportedFirstInYearMonthDayOrder) {
   }
 }
 
-TEST_F(AgeTest, ABirthDatumThatIsNotANumberCountsAsNotValid) {
-  storeBirth(1990, 6, 15);
-  knowledge.direct().update(kOwnDomain, "7", "birthmonth", "June");
-  EXPECT_EQ(store->xComputeAgeInfo(7), -1);
-  EXPECT_EQ(logs(), (LogLines{warning("User's birth month not valid, can't determine age")}));
+TEST_F(AgeTest, ABirthDatumThatIsStoredButNotAnIntegerMakesTheAgeFailWithTheConversionError) {
+  struct Case {
+    const char* what;
+    std::function<void()> spoil;
+    LogLines logged;  // by the two reads of the age
+  };
+  const std::vector<Case> cases = {
+      {"a month that does not parse reads as the void value",
+       [&] { knowledge.direct().update(kOwnDomain, "7", "birthmonth", "June"); },
+       {}},
+      {"a year without a type record reads as text",
+       [&] { knowledge.direct().remove(kOwnDomain, "birthyear", "rangeType", "?"); },
+       LogLines(2, storeLine(ka::LogLevel::Warning, "get",
+                             "No defined type for the dataName birthyear casted as string by "
+                             "default"))},
+  };
+  for (const Case& c : cases) {
+    store = makeStore();  // declares the types again
+    storeBirth(1990, 6, 15);
+    knowledge.direct().update(kOwnDomain, "7", "age", "41");
+    c.spoil();
+    forget();
+    EXPECT_THROW(store->xComputeAgeInfo(7), ka::ConversionError) << c.what;
+    EXPECT_THROW(store->get(7, "age", kOwnDomain), ka::ConversionError)
+        << c.what << ": the stored age is not read instead";
+    EXPECT_EQ(logs(), c.logged) << c.what;
+    for (const StoreCall& call : calls()) {
+      EXPECT_NE(call.method, "update") << c.what << ": " << call;
+      EXPECT_NE(call, (StoreCall{"getObject", {kOwnDomain, "7", "birthday"}})) << c.what;
+    }
+    EXPECT_EQ(storedAge(), std::vector<std::string>{"41"}) << c.what;
+  }
 }
 
 TEST_F(AgeTest, ADateMissingFromTheCalendarIsNotValidAndWritesNoAge) {
