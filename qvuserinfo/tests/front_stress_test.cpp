@@ -13,7 +13,9 @@
 namespace front_test {
 namespace {
 
-TEST_F(FrontTest, CallsStayWellFormedWhileTheUserSessionComesAndGoes) {
+class FrontStressTest : public FrontTest {};
+
+TEST_F(FrontStressTest, CallsStayWellFormedWhileTheUserSessionComesAndGoes) {
   constexpr int kThreads = 3;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(1200);
   userSession->setKnownUsers({3});
