@@ -1,15 +1,420 @@
-// The service front's state that exists from the moment the library is loaded: its copy of the
-// service's domain and its log category. The front class itself joins this file.
+// The service front: user resolution through "QVUserSession", delegation to the data store,
+// the change signals, and the registration of the class with the middleware at load time.
 
+#include <qvuserinfo/qvuserinfo.hpp>
+
+#include "qvuserinfoprivate.hpp"
+
+#include <qverror/qverror.hpp>
+
+#include <ka/anyfunction.hpp>
+#include <ka/future.hpp>
 #include <ka/log.hpp>
+#include <ka/objecttypebuilder.hpp>
 
-#include <string>
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <typeinfo>
+#include <utility>
 
 namespace QV {
 namespace {
 
-[[maybe_unused]] const std::string defaultDomain = "com.quorvelin.userinfo";
-[[maybe_unused]] const ka::log::CategoryPtr logCategory = ka::log::addCategory("QVUserInfo");
+const std::string defaultDomain = "com.quorvelin.userinfo";
+const ka::log::CategoryPtr logCategory = ka::log::addCategory("QVUserInfo");
+
+constexpr const char* kUserSessionName = "QVUserSession";
+constexpr int kWaitForever = ka::FutureTimeout_Infinite;
+
+// The error every failure to follow "ServiceDirectory" becomes.
+QVError directoryError(unsigned int line) {
+  return QVError("QVUserInfo", "QVUserInfo()", "Can't find service \"ServiceDirectory\"",
+                 "src/qvuserinfo", line);
+}
+
+template <typename F>
+ka::SignalSubscriber subscriberOf(F f, ka::MetaCallType callType) {
+  return ka::SignalSubscriber(ka::AnyFunction::from(std::move(f)), callType);
+}
+
+}  // namespace
+
+QVUserInfo::QVUserInfo(const boost::shared_ptr<ka::Session>& session_) : session(session_) {
+  // The knowledge store is not guarded: its lookup error is the caller's to see as it is.
+  auto knowledge =
+      boost::make_shared<ka::AnyObject>(session->service("QVKnowledge", "").value(kWaitForever));
+  dataStore = boost::make_shared<QVUserInfoPrivate>(std::move(knowledge));
+
+  try {
+    serviceDirectory = boost::make_shared<ka::AnyObject>(
+        session->service(ka::Session::kDirectoryName, "").value(kWaitForever));
+    if (!serviceDirectory) {
+      throw directoryError(31);
+    }
+    directoryLinks.push_back(
+        (*serviceDirectory)
+            ->connect("serviceAdded", subscriberOf(
+                                          [this](int serviceId, const std::string& name) {
+                                            xUserSessionRegistered(serviceId, name);
+                                          },
+                                          ka::MetaCallType::Auto))
+            .value(kWaitForever));
+    directoryLinks.push_back(
+        (*serviceDirectory)
+            ->connect("serviceRemoved", subscriberOf(
+                                            [this](int serviceId, const std::string& name) {
+                                              xUserSessionUnregistered(serviceId, name);
+                                            },
+                                            ka::MetaCallType::Auto))
+            .value(kWaitForever));
+  } catch (...) {
+    // A subscription already made would call into an object that never came to be.
+    for (const ka::SignalLink link : directoryLinks) {
+      try {
+        (void)(*serviceDirectory)->disconnect(link).wait(kWaitForever);
+      } catch (...) {
+      }
+    }
+    throw directoryError(43);
+  }
+
+  // Subscribed to the directory first, so that a registration right after the probe is seen.
+  if (xIsUserSessionRegistered()) {
+    xConnectUserSessionService();
+  } else {
+    KA_LOG_AT(ka::LogLevel::Verbose, logCategory, "QVUserInfo")
+        << "Service \"QVUserSession\" is not registered yet";
+  }
+}
+
+QVUserInfo::~QVUserInfo() {
+  // The directory first: once its deliveries have ended, no new user-session link can appear.
+  if (serviceDirectory && serviceDirectory->isValid()) {
+    for (const ka::SignalLink link : directoryLinks) {
+      try {
+        (void)(*serviceDirectory)->disconnect(link).wait(kWaitForever);
+      } catch (...) {
+      }
+    }
+  }
+  std::vector<UserSessionLink> links;
+  {
+    std::lock_guard<std::mutex> lock(userSessionMutex);
+    links.swap(userSessionLinks);
+  }
+  for (const UserSessionLink& link : links) {
+    if (const auto object = link.object.lock()) {
+      try {
+        (void)object->disconnect(link.link).wait(kWaitForever);
+      } catch (...) {
+      }
+    }
+  }
+}
+
+// --- Reads -------------------------------------------------------------------------------
+
+ka::AnyValue QVUserInfo::get(const std::string& dataName) const {
+  return get(defaultDomain, xGetFocusedUser(), dataName);
+}
+
+ka::AnyValue QVUserInfo::get(int userId, const std::string& dataName) const {
+  return get(defaultDomain, userId, dataName);
+}
+
+ka::AnyValue QVUserInfo::get(const std::string& domain, const std::string& dataName) const {
+  return get(domain, xGetFocusedUser(), dataName);
+}
+
+ka::AnyValue QVUserInfo::get(const std::string& domain, int userId,
+                             const std::string& dataName) const {
+  if (!xCheckUser(userId)) {
+    return ka::AnyValue::makeVoid();
+  }
+  return dataStore->get(userId, dataName, domain);
+}
+
+bool QVUserInfo::has(const std::string& dataName) const {
+  return has(defaultDomain, xGetFocusedUser(), dataName);
+}
+
+bool QVUserInfo::has(int userId, const std::string& dataName) const {
+  return has(defaultDomain, userId, dataName);
+}
+
+bool QVUserInfo::has(const std::string& domain, const std::string& dataName) const {
+  return has(domain, xGetFocusedUser(), dataName);
+}
+
+bool QVUserInfo::has(const std::string& domain, int userId, const std::string& dataName) const {
+  return xCheckUser(userId) && dataStore->contains(userId, dataName, domain);
+}
+
+std::string QVUserInfo::getType(const std::string& domain, const std::string& dataName) const {
+  return dataStore->getType(domain, dataName);
+}
+
+bool QVUserInfo::checkDateValidity(const std::string& date) {
+  (void)date;
+  return false;
+}
+
+// --- Writes and removals -----------------------------------------------------------------
+
+bool QVUserInfo::set(const std::string& domain, const std::string& dataName,
+                     const ka::AnyValue& value) {
+  return set(domain, xGetFocusedUser(), dataName, value);
+}
+
+bool QVUserInfo::set(const std::string& domain, int userId, const std::string& dataName,
+                     const ka::AnyValue& value) {
+  return xCheckUser(userId) && dataStore->set(userId, dataName, value, domain);
+}
+
+bool QVUserInfo::_set(const std::string& dataName, const ka::AnyValue& value) {
+  return _set(xGetFocusedUser(), dataName, value);
+}
+
+bool QVUserInfo::_set(int userId, const std::string& dataName, const ka::AnyValue& value) {
+  if (!xCheckUser(userId) || !dataStore->update(userId, dataName, value)) {
+    return false;
+  }
+  // The caller's value, not the text that was stored.
+  userInfoEdited(userId, dataName, value);
+  return true;
+}
+
+bool QVUserInfo::remove(const std::string& domain, const std::string& dataName) const {
+  return remove(domain, xGetFocusedUser(), dataName);
+}
+
+bool QVUserInfo::remove(const std::string& domain, int userId, const std::string& dataName) const {
+  return xCheckUser(userId) && dataStore->remove(userId, dataName, domain);
+}
+
+bool QVUserInfo::_remove(const std::string& dataName) const {
+  return _remove(xGetFocusedUser(), dataName);
+}
+
+bool QVUserInfo::_remove(int userId, const std::string& dataName) const {
+  if (!xCheckUser(userId) || !dataStore->remove(userId, dataName)) {
+    return false;
+  }
+  userInfoRemoved(userId, dataName);
+  return true;
+}
+
+bool QVUserInfo::removeUser(const std::string& domain) const {
+  return removeUser(domain, xGetFocusedUser());
+}
+
+bool QVUserInfo::removeUser(const std::string& domain, int userId) const {
+  return xCheckUser(userId) && dataStore->removeUser(userId, domain);
+}
+
+bool QVUserInfo::_removeUser() const {
+  const int userId = xGetFocusedUser();
+  if (!xCheckUser(userId)) {
+    return false;
+  }
+  dataStore->removeUser(userId);
+  return true;
+}
+
+bool QVUserInfo::_removeUser(int userId) const {
+  dataStore->removeUser(userId);
+  return true;
+}
+
+// --- Following "QVUserSession" -------------------------------------------------------------
+
+void QVUserInfo::xUserSessionRegistered(int serviceId, const std::string& name) {
+  (void)serviceId;
+  if (name == kUserSessionName) {
+    xConnectUserSessionService();
+  }
+}
+
+void QVUserInfo::xUserSessionUnregistered(int serviceId, const std::string& name) {
+  (void)serviceId;
+  if (name != kUserSessionName) {
+    return;
+  }
+  ServiceHandle released;  // let go outside the lock
+  std::lock_guard<std::mutex> lock(userSessionMutex);
+  ++userSessionDepartures;
+  released.swap(userSession);
+}
+
+bool QVUserInfo::xIsUserSessionRegistered() {
+  try {
+    return session->service(kUserSessionName, "").hasValue(kWaitForever);
+  } catch (...) {
+    return false;
+  }
+}
+
+void QVUserInfo::xConnectUserSessionService() {
+  std::uint64_t departuresBefore = 0;
+  {
+    std::lock_guard<std::mutex> lock(userSessionMutex);
+    departuresBefore = userSessionDepartures;
+  }
+  ServiceHandle handle;
+  try {
+    handle = boost::make_shared<ka::AnyObject>(
+        session->service(kUserSessionName, "").value(kWaitForever));
+  } catch (...) {
+    KA_LOG_AT(ka::LogLevel::Error, logCategory, "xConnectUserSessionService")
+        << "Can't find service \"QVUserSession\"";
+    return;
+  }
+  {
+    ServiceHandle released;  // let go outside the lock
+    std::lock_guard<std::mutex> lock(userSessionMutex);
+    if (userSessionDepartures != departuresBefore) {
+      // The service left while it was being looked up (only the constructor's probe can be
+      // overtaken so): the directory's callbacks own the handle from here.
+      return;
+    }
+    released = std::exchange(userSession, handle);
+  }
+
+  const auto remember = [this, &handle](ka::SignalLink link) {
+    std::lock_guard<std::mutex> lock(userSessionMutex);
+    userSessionLinks.erase(
+        std::remove_if(userSessionLinks.begin(), userSessionLinks.end(),
+                       [](const UserSessionLink& l) { return l.object.expired(); }),
+        userSessionLinks.end());
+    userSessionLinks.push_back({handle->asGenericObject(), link});
+  };
+  try {
+    remember(
+        (*handle)
+            ->connect("createdUsers",
+                      subscriberOf([this](const std::vector<int>& ids) { xOnCreatedUsers(ids); },
+                                   ka::MetaCallType::Queued))
+            .value(kWaitForever));
+    remember(
+        (*handle)
+            ->connect("deletedUsers",
+                      subscriberOf([this](const std::vector<int>& ids) { xOnDeletedUsers(ids); },
+                                   ka::MetaCallType::Queued))
+            .value(kWaitForever));
+  } catch (...) {
+    KA_LOG_AT(ka::LogLevel::Error, logCategory, "xConnectUserSessionService")
+        << "Could not connect to \"QVUserSession\" signals";
+  }
+}
+
+void QVUserInfo::xOnCreatedUsers(const std::vector<int>& userIds) {
+  // New users need nothing from this service; the subscription is kept for symmetry.
+  (void)userIds;
+}
+
+void QVUserInfo::xOnDeletedUsers(const std::vector<int>& userIds) {
+  // The users are gone from "QVUserSession", so they are not checked; a failure stops here and
+  // reaches the signal's deliverer.
+  for (const int userId : userIds) {
+    dataStore->removeUser(userId);
+  }
+}
+
+QVUserInfo::ServiceHandle QVUserInfo::xUserSession() const {
+  std::lock_guard<std::mutex> lock(userSessionMutex);
+  return userSession;
+}
+
+bool QVUserInfo::xCheckUserSession(const ServiceHandle& handle) {
+  if (handle) {
+    return true;
+  }
+  KA_LOG_AT(ka::LogLevel::Error, logCategory, "xCheckUserSession")
+      << "Serice \"QVUserSession\" is needed but not yet registered";
+  return false;
+}
+
+int QVUserInfo::xGetFocusedUser() const {
+  const ServiceHandle handle = xUserSession();
+  if (!xCheckUserSession(handle)) {
+    return -1;
+  }
+  const int userId = (*handle)->call<int>("getFocusedUser");
+  if (userId == -1) {
+    KA_LOG_AT(ka::LogLevel::Error, logCategory, "xGetFocusedUser") << "There is no focused user";
+  }
+  return userId;
+}
+
+bool QVUserInfo::xCheckUser(int userId) const {
+  const ServiceHandle handle = xUserSession();
+  if (!xCheckUserSession(handle)) {
+    return false;
+  }
+  if ((*handle)->call<bool>("doesUserExist", userId)) {
+    return true;
+  }
+  KA_LOG_AT(ka::LogLevel::Error, logCategory, "xCheckUser")
+      << "User " << userId << " does not exists";
+  return false;
+}
+
+// --- Registration with the middleware ------------------------------------------------------
+
+namespace {
+
+// Runs once when the library is loaded, after the constants above.
+bool registerQVUserInfoType() {
+  using Self = QVUserInfo;
+  using S = const std::string&;
+  using V = const ka::AnyValue&;
+  constexpr auto kAuto = ka::MetaCallType::Auto;
+
+  ka::ObjectTypeBuilder<Self> builder;
+  builder.buildFor(true);
+  builder.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  builder.advertiseMethod("get", static_cast<ka::AnyValue (Self::*)(S) const>(&Self::get), kAuto,
+                          -1);
+  builder.advertiseMethod("get", static_cast<ka::AnyValue (Self::*)(int, S) const>(&Self::get),
+                          kAuto, -1);
+  builder.advertiseMethod("get", static_cast<ka::AnyValue (Self::*)(S, S) const>(&Self::get), kAuto,
+                          -1);
+  builder.advertiseMethod("get", static_cast<ka::AnyValue (Self::*)(S, int, S) const>(&Self::get),
+                          kAuto, -1);
+  builder.advertiseMethod("_set", static_cast<bool (Self::*)(S, V)>(&Self::_set), kAuto, -1);
+  builder.advertiseMethod("_set", static_cast<bool (Self::*)(int, S, V)>(&Self::_set), kAuto, -1);
+  builder.advertiseMethod("set", static_cast<bool (Self::*)(S, S, V)>(&Self::set), kAuto, -1);
+  builder.advertiseMethod("set", static_cast<bool (Self::*)(S, int, S, V)>(&Self::set), kAuto, -1);
+  builder.advertiseMethod("has", static_cast<bool (Self::*)(S) const>(&Self::has), kAuto, -1);
+  builder.advertiseMethod("has", static_cast<bool (Self::*)(int, S) const>(&Self::has), kAuto, -1);
+  builder.advertiseMethod("has", static_cast<bool (Self::*)(S, S) const>(&Self::has), kAuto, -1);
+  builder.advertiseMethod("has", static_cast<bool (Self::*)(S, int, S) const>(&Self::has), kAuto,
+                          -1);
+  builder.advertiseMethod("_remove", static_cast<bool (Self::*)(S) const>(&Self::_remove), kAuto,
+                          -1);
+  builder.advertiseMethod("_remove", static_cast<bool (Self::*)(int, S) const>(&Self::_remove),
+                          kAuto, -1);
+  builder.advertiseMethod("remove", static_cast<bool (Self::*)(S, S) const>(&Self::remove), kAuto,
+                          -1);
+  builder.advertiseMethod("remove", static_cast<bool (Self::*)(S, int, S) const>(&Self::remove),
+                          kAuto, -1);
+  builder.advertiseMethod("removeUser", static_cast<bool (Self::*)(S) const>(&Self::removeUser),
+                          kAuto, -1);
+  builder.advertiseMethod("removeUser",
+                          static_cast<bool (Self::*)(S, int) const>(&Self::removeUser), kAuto, -1);
+  builder.advertiseMethod("_removeUser", static_cast<bool (Self::*)() const>(&Self::_removeUser),
+                          kAuto, -1);
+  builder.advertiseMethod("_removeUser", static_cast<bool (Self::*)(int) const>(&Self::_removeUser),
+                          kAuto, -1);
+  builder.advertiseMethod("getType", &Self::getType, kAuto, -1);
+  builder.advertiseSignal("userInfoEdited", &Self::userInfoEdited, -1);
+  builder.advertiseSignal("userInfoRemoved", &Self::userInfoRemoved, -1);
+  ka::registerType(typeid(Self), builder.type());
+  return true;
+}
+
+[[maybe_unused]] const bool typeRegistered = registerQVUserInfoType();
 
 }  // namespace
 }  // namespace QV

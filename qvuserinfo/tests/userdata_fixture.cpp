@@ -4,6 +4,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <chrono>
 #include <stdexcept>
 #include <utility>
 
@@ -31,12 +32,20 @@ LogLine storeLine(ka::LogLevel level, const std::string& function, const std::st
   return {level, "QVUserInfoPrivate", function, message, "", 0};
 }
 
-void RecordingKnowledge::State::record(const std::string& method, std::vector<std::string> args) {
+std::shared_ptr<void> RecordingKnowledge::State::record(const std::string& method,
+                                                        std::vector<std::string> args) {
   std::lock_guard lock(mutex);
   calls.push_back({method, std::move(args)});
+  changed.notify_all();
   if (!failingMethod.empty() && failingMethod == method) {
     throw std::runtime_error(failureText);
   }
+  ++running;
+  return std::shared_ptr<void>(nullptr, [this](void*) {
+    std::lock_guard lock(mutex);
+    --running;
+    changed.notify_all();
+  });
 }
 
 RecordingKnowledge::RecordingKnowledge() : state_(std::make_shared<State>()) {
@@ -47,23 +56,23 @@ RecordingKnowledge::RecordingKnowledge() : state_(std::make_shared<State>()) {
   ka::DynamicObjectBuilder builder;
   builder.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
   builder.advertiseMethod("getObject", [st](S d, S s, S p) -> Strings {
-    st->record("getObject", {d, s, p});
+    const auto running = st->record("getObject", {d, s, p});
     return st->service->getObject(d, s, p);
   });
   builder.advertiseMethod("contains", [st](S d, S s, S p, S o) -> bool {
-    st->record("contains", {d, s, p, o});
+    const auto running = st->record("contains", {d, s, p, o});
     return st->service->contains(d, s, p, o);
   });
   builder.advertiseMethod("update", [st](S d, S s, S p, S o) {
-    st->record("update", {d, s, p, o});
+    const auto running = st->record("update", {d, s, p, o});
     st->service->update(d, s, p, o);
   });
   builder.advertiseMethod("remove", [st](S d, S s, S p, S o) {
-    st->record("remove", {d, s, p, o});
+    const auto running = st->record("remove", {d, s, p, o});
     st->service->remove(d, s, p, o);
   });
   builder.advertiseMethod("queryTriplet", [st](S d, S s, S p, S o) -> Rows {
-    st->record("queryTriplet", {d, s, p, o});
+    const auto running = st->record("queryTriplet", {d, s, p, o});
     return st->service->queryTriplet(d, s, p, o);
   });
   object_ = builder.object();
@@ -77,6 +86,12 @@ StoreCalls RecordingKnowledge::calls() const {
 void RecordingKnowledge::clearCalls() {
   std::lock_guard lock(state_->mutex);
   state_->calls.clear();
+}
+
+bool RecordingKnowledge::waitFor(const std::function<bool(const StoreCalls&)>& done, int ms) const {
+  std::unique_lock lock(state_->mutex);
+  return state_->changed.wait_for(lock, std::chrono::milliseconds(ms),
+                                  [&] { return state_->running == 0 && done(state_->calls); });
 }
 
 void RecordingKnowledge::failCallsOf(const std::string& method, const std::string& text) {

@@ -14,6 +14,8 @@
 
 #include <QDate>
 
+#include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -49,6 +51,9 @@ class RecordingKnowledge {
 
   StoreCalls calls() const;
   void clearCalls();
+  // Waits up to `ms` until `done` holds for the calls received so far and none is still running;
+  // false when time runs out.
+  bool waitFor(const std::function<bool(const StoreCalls&)>& done, int ms) const;
   // Calls of `method` throw std::runtime_error(`text`) after being recorded; "" stops that.
   void failCallsOf(const std::string& method, const std::string& text = "store is down");
 
@@ -56,10 +61,13 @@ class RecordingKnowledge {
   struct State {
     std::unique_ptr<QV::KnowledgeService> service;
     mutable std::mutex mutex;
-    StoreCalls calls;           // guarded by mutex
-    std::string failingMethod;  // guarded by mutex
-    std::string failureText;    // guarded by mutex
-    void record(const std::string& method, std::vector<std::string> args);
+    mutable std::condition_variable changed;  // a call started or ended
+    StoreCalls calls;                         // guarded by mutex
+    int running = 0;                          // guarded by mutex
+    std::string failingMethod;                // guarded by mutex
+    std::string failureText;                  // guarded by mutex
+    // Records the call and keeps it counted as running until the returned guard goes.
+    std::shared_ptr<void> record(const std::string& method, std::vector<std::string> args);
   };
   std::shared_ptr<State> state_;
   ka::AnyObject object_;
