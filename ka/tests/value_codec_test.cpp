@@ -247,6 +247,12 @@ TEST(ValueRoundTrip, LayoutMatchesTheDocumentedBytes) {
   EXPECT_EQ(hex(encode(dynamic(AnyValue()))), "c0");
   EXPECT_EQ(hex(encode(dynamic(AnyValue::makeVoid()))), "92a176c0");
   EXPECT_EQ(hex(encode(AnyValue(std::tuple<int, std::string>{-1, ""}))), "92ffa0");
+  EXPECT_EQ(hex(encode(AnyValue(-1))), "ff");
+  EXPECT_EQ(hex(encode(AnyValue(std::int64_t{1} << 32))), "cf0000000100000000");
+  EXPECT_EQ(hex(encode(AnyValue(std::map<std::string, AnyValue>{{"k", AnyValue("v")}}))),
+            "81a16b92a173a176");
+  EXPECT_EQ(hex(encode(dynamic(AnyValue(42)))), "92a1692a");
+  EXPECT_EQ(hex(encode(dynamic(AnyValue(std::vector<std::string>{"x"})))), "92a35b735d91a178");
 }
 
 // ---- decoded values meet C++ code ----
