@@ -5,8 +5,12 @@
 
 #include <boost/make_shared.hpp>
 
+#include <stdlib.h>
+
 #include <algorithm>
+#include <filesystem>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace front_test {
@@ -104,11 +108,30 @@ void UserSessionDouble::emitCreatedUsers(const std::vector<int>& userIds) {
   object_->post("createdUsers", userIds);
 }
 
+UserSessionFile::UserSessionFile() {
+  std::string pattern =
+      (std::filesystem::temp_directory_path() / "qvuserinfo-users-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) {
+    throw std::runtime_error("cannot make a directory for the user-session store");
+  }
+  directory_ = pattern;
+  path_ = (std::filesystem::path(directory_) / "knowledge.db.users").string();
+}
+
+UserSessionFile::~UserSessionFile() {
+  std::error_code ignored;
+  std::filesystem::remove_all(directory_, ignored);
+}
+
+boost::shared_ptr<QV::UserSessionService> UserSessionFile::open() const {
+  return boost::make_shared<QV::UserSessionService>(path_);
+}
+
 void FrontTest::SetUp() {
   ka::log::setDefaultHandlerEnabled(false);
   ka::log::setVerbosity("QVUserInfo*", ka::LogLevel::Debug);
   session = ka::makeSession();
-  services = ka::makeSession(session);
+  services = servicesOnFrontSession ? session : ka::makeSession(session);
   services->registerService("QVKnowledge", knowledge.object()).value(kWaitMs);
 }
 
@@ -132,6 +155,10 @@ std::unique_ptr<UserSessionDouble> FrontTest::makeUserSession(UserSessionOptions
 
 void FrontTest::publishUserSession(const std::string& name) {
   userSessionId = services->registerService(name, userSession->object()).value(kWaitMs);
+}
+
+void FrontTest::publishUserSessionObject(ka::AnyObject object) {
+  userSessionId = services->registerService("QVUserSession", std::move(object)).value(kWaitMs);
 }
 
 void FrontTest::withdrawUserSession() {

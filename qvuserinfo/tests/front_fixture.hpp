@@ -1,11 +1,12 @@
 #pragma once
 // What the service front's tests share: the front published on an in-process session next to a
-// recording "QVKnowledge" and a scripted "QVUserSession", a client's view of the published front
-// from a second session, and the signals that client receives.
+// recording "QVKnowledge" and a scripted or real "QVUserSession", a client's view of the published
+// front from a second session, and the signals that client receives.
 
 #include "userdata_fixture.hpp"
 
 #include <qvuserinfo/qvuserinfo.hpp>
+#include <qvusersession/usersession_service.hpp>
 
 #include <ka/anyvalue.hpp>
 #include <ka/object.hpp>
@@ -77,6 +78,22 @@ class UserSessionDouble {
   ka::AnyObject object_;
 };
 
+// The file of a real "QVUserSession", in a temporary directory that goes with this object. Each
+// open() is a fresh instance on that same file, as a restarted host would make.
+class UserSessionFile {
+ public:
+  UserSessionFile();
+  ~UserSessionFile();
+  UserSessionFile(const UserSessionFile&) = delete;
+  UserSessionFile& operator=(const UserSessionFile&) = delete;
+
+  boost::shared_ptr<QV::UserSessionService> open() const;
+
+ private:
+  std::string directory_;
+  std::string path_;
+};
+
 // One emission of userInfoEdited (value set) or userInfoRemoved (value empty) as a client saw it.
 struct Emission {
   int userId;
@@ -101,6 +118,8 @@ class FrontTest : public ::testing::Test {
 
   // Registers `userSession` as "QVUserSession" (or under another name) on the services' session.
   void publishUserSession(const std::string& name = "QVUserSession");
+  // Registers another object, a real service for instance, as "QVUserSession".
+  void publishUserSessionObject(ka::AnyObject object);
   void withdrawUserSession();
   // Constructs the front on `session`, publishes it as "QVUserInfo", gives `client` a handle to it
   // from a second session and records the signals it sees; then forgets every call and log line.
@@ -112,7 +131,10 @@ class FrontTest : public ::testing::Test {
   Emissions removed() const;
   void forget();
 
-  // The front's session; "QVKnowledge" and "QVUserSession" are published on `services`, a peer.
+  // Set before SetUp to publish the services on the front's own session rather than on a peer.
+  bool servicesOnFrontSession = false;
+  // The front's session; "QVKnowledge" and "QVUserSession" are published on `services`, a peer
+  // (or the same session).
   ka::SessionPtr session;
   ka::SessionPtr services;
   ka::SessionPtr clientSession;
