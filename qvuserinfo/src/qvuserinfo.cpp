@@ -177,7 +177,20 @@ bool QVUserInfo::_set(const std::string& dataName, const ka::AnyValue& value) {
 }
 
 bool QVUserInfo::_set(int userId, const std::string& dataName, const ka::AnyValue& value) {
-  if (!xCheckUser(userId) || !dataStore->update(userId, dataName, value)) {
+  xBeginWrite();
+  bool written = false;
+  try {
+    written = xCheckUser(userId) && dataStore->update(userId, dataName, value);
+  } catch (...) {
+    (void)xEndWrite(userId);
+    throw;
+  }
+  if (xEndWrite(userId) && written) {
+    dataStore->remove(userId, dataName);
+    xLogUnknownUser(userId);
+    return false;
+  }
+  if (!written) {
     return false;
   }
   // The caller's value, not the text that was stored.
@@ -314,11 +327,32 @@ void QVUserInfo::xOnCreatedUsers(const std::vector<int>& userIds) {
 }
 
 void QVUserInfo::xOnDeletedUsers(const std::vector<int>& userIds) {
+  {
+    // Recorded before erasing: a write in flight either sees it or lands before the erasure.
+    std::lock_guard<std::mutex> lock(writesMutex);
+    if (writesInFlight > 0) {
+      usersErasedSince.insert(userIds.begin(), userIds.end());
+    }
+  }
   // The users are gone from "QVUserSession", so they are not checked; a failure stops here and
   // reaches the signal's deliverer.
   for (const int userId : userIds) {
     dataStore->removeUser(userId);
   }
+}
+
+void QVUserInfo::xBeginWrite() {
+  std::lock_guard<std::mutex> lock(writesMutex);
+  ++writesInFlight;
+}
+
+bool QVUserInfo::xEndWrite(int userId) {
+  std::lock_guard<std::mutex> lock(writesMutex);
+  const bool erased = usersErasedSince.count(userId) > 0;
+  if (--writesInFlight == 0) {
+    usersErasedSince.clear();
+  }
+  return erased;
 }
 
 QVUserInfo::ServiceHandle QVUserInfo::xUserSession() const {
@@ -355,9 +389,13 @@ bool QVUserInfo::xCheckUser(int userId) const {
   if ((*handle)->call<bool>("doesUserExist", userId)) {
     return true;
   }
+  xLogUnknownUser(userId);
+  return false;
+}
+
+void QVUserInfo::xLogUnknownUser(int userId) {
   KA_LOG_AT(ka::LogLevel::Error, logCategory, "xCheckUser")
       << "User " << userId << " does not exists";
-  return false;
 }
 
 // --- Registration with the middleware ------------------------------------------------------

@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -123,8 +124,13 @@ class QVUSERINFO_API QVUserInfo {
   int xGetFocusedUser() const;
   // Whether "QVUserSession" knows `userId` (logged when not).
   bool xCheckUser(int userId) const;
+  static void xLogUnknownUser(int userId);
   // The current "QVUserSession" handle, possibly empty.
   ServiceHandle xUserSession() const;
+  // Brackets a write that checked its user: begin before the check; end after the write, true
+  // when a deletion of the user was handled meanwhile, in which case the caller undoes the write.
+  void xBeginWrite();
+  bool xEndWrite(int userId);
 
   boost::shared_ptr<ka::Session> session;
   boost::shared_ptr<QVUserInfoPrivate> dataStore;
@@ -137,6 +143,14 @@ class QVUSERINFO_API QVUserInfo {
   // the handle of a service that is gone.
   std::uint64_t userSessionDepartures = 0;        // guarded by userSessionMutex
   std::vector<UserSessionLink> userSessionLinks;  // guarded by userSessionMutex
+  // _set checks its user, then writes; a deletion committed in between is erased by a queued
+  // delivery that may run before the write lands. The deliveries record the users they erase
+  // while writes are in flight, and each write looks for its user there when it is done: either
+  // it sees the deletion and undoes itself, or it landed before the erasure, which removes it.
+  // The record is emptied whenever no write is in flight.
+  mutable std::mutex writesMutex;
+  int writesInFlight = 0;          // guarded by writesMutex
+  std::set<int> usersErasedSince;  // guarded by writesMutex
   // Set by the constructor, read by the destructor only.
   std::vector<ka::SignalLink> directoryLinks;
 };
