@@ -52,9 +52,25 @@ class KA_API Session : public boost::enable_shared_from_this<Session> {
   // Only the session that registered a service may unregister it.
   Future<void> unregisterService(unsigned int serviceId);
 
+  // Serves this session's directory on `url`: "unix:///path/to.sock", "tcp://host:port" (port
+  // 0 picks a free one) or "local://name" (reachable from this process only). Every session that
+  // connects there joins the directory. May be called for several urls; fails with the reason
+  // when the url cannot be listened on, or when this session joined another directory.
+  Future<void> listen(const std::string& url);
+  // The urls this session listens on, as they really are (a chosen port filled in).
+  std::vector<std::string> endpoints() const;
+  // Joins the directory served at `url`: from then on service() and services() see the
+  // services registered anywhere on it, registerService publishes there (calls come over the
+  // connection) and "ServiceDirectory" is that directory, whose "serviceAdded" and
+  // "serviceRemoved" follow every participant. When the connection is lost, this session's
+  // services there are gone and isConnected() is false; connect again to rejoin. Fails for a
+  // session that listens, or that is connected already.
+  Future<void> connect(const std::string& url);
+
   // Unregisters this session's services ("serviceRemoved" goes out for each, possibly on
   // this thread); afterwards every call fails. The destructor closes too.
   void close();
+  // False once closed, or when the connection to a joined directory is lost.
   bool isConnected() const;
 
  private:
