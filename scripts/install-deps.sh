@@ -12,6 +12,8 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-format
+  # scripts/fuzz.sh: clang and its libFuzzer runtime
+  clang libclang-rt-14-dev
 )
 
 missing=()

@@ -182,15 +182,19 @@ std::vector<std::pair<AnyReference, AnyReference>> AnyReference::mapEntries() co
 
 // ---- equality ----
 
-bool operator==(const AnyReference& a, const AnyReference& b) {
+bool operator==(const AnyReference& left, const AnyReference& right) {
+  // Compared by what they hold: two dynamic values that hold nothing are equal, like two
+  // invalid references.
+  AnyReference a = left;
+  AnyReference b = right;
+  while (a.isValid() && a.kind() == TypeKind::Dynamic) {
+    a = a.content();
+  }
+  while (b.isValid() && b.kind() == TypeKind::Dynamic) {
+    b = b.content();
+  }
   if (!a.isValid() || !b.isValid()) {
     return a.isValid() == b.isValid();
-  }
-  if (a.kind() == TypeKind::Dynamic) {
-    return a.content() == b;
-  }
-  if (b.kind() == TypeKind::Dynamic) {
-    return a == b.content();
   }
   if (a.signature() != b.signature()) {
     return false;

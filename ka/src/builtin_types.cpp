@@ -12,7 +12,10 @@ bool sameType(const TypeInterface* a, const TypeInterface* b) {
   if (a == b) {
     return true;
   }
-  return a != nullptr && b != nullptr && a->info() == b->info();
+  // Run-time types built from signature texts share one storage type per kind ("[s]" and
+  // "[i]" both hold a list of values): for them the signature tells them apart. For C++ types
+  // equal type_info implies equal signatures, so the second test never separates those.
+  return a != nullptr && b != nullptr && a->info() == b->info() && a->signature() == b->signature();
 }
 
 const char* toString(TypeKind kind) {

@@ -118,6 +118,14 @@ TEST(VoidValue, IsValidTypedAndDistinctFromTheEmptyValue) {
   EXPECT_NE(copy.rawValue(), v.rawValue()) << "a copy owns storage of its own";
 }
 
+TEST(ValueEquality, DynamicValuesCompareByWhatTheyHold) {
+  const ka::AnyValue nothing = ka::AnyValue::make(ka::AnyValue());
+  EXPECT_EQ(nothing, ka::AnyValue::make(ka::AnyValue()));
+  EXPECT_NE(nothing, ka::AnyValue::make(ka::AnyValue::makeVoid()));
+  EXPECT_EQ(ka::AnyValue::make(ka::AnyValue(7)), ka::AnyValue(7));
+  EXPECT_NE(ka::AnyValue::make(ka::AnyValue(7)), ka::AnyValue(std::int64_t{7}));
+}
+
 TEST(ValueCopy, IsDeepAndIndependent) {
   ka::AnyValue a(std::vector<std::string>{"x", "y"});
   ka::AnyValue b = a;

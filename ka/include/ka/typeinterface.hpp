@@ -45,7 +45,8 @@ class KA_API TypeInterface {
 };
 
 // Two descriptions denote the same C++ type. Descriptions of template types may be
-// duplicated across shared libraries, so this compares type identity, not pointers.
+// duplicated across shared libraries, so this compares type identity, not pointers; types
+// built from signature texts at run time are the same only when their signatures are.
 KA_API bool sameType(const TypeInterface* a, const TypeInterface* b);
 
 class KA_API VoidTypeInterface : public TypeInterface {

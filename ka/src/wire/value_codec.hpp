@@ -36,7 +36,8 @@ class ObjectCodec {
 
 // Writes `value` as its own type says; a dynamic value ("m") is written with its content's
 // signature. Throws std::runtime_error for values that have no wire form (an invalid
-// reference, a type "X", an object when `objects` is null).
+// reference, a type "X", an object when `objects` is null, nesting deeper than the readers'
+// depth limit); the buffer may then hold part of the value and must be discarded.
 void packValue(Packer& pk, const AnyReference& value, ObjectCodec* objects = nullptr);
 
 // Reads a value of `type` (from typeFromSignature or typeOf<T>); throws DecodeError saying what
@@ -57,6 +58,12 @@ struct DecodeLimits {
 // The unpack limits for msgpack::unpack that keep a claimed size from driving an allocation:
 // msgpack-cxx would otherwise reserve a claimed array size before its elements have arrived.
 msgpack::unpack_limit unpackLimit(const DecodeLimits& limits = DecodeLimits());
+
+// Parses exactly one msgpack object from `data` under `limits`, checking claimed sizes and
+// nesting before msgpack-cxx allocates for them. Use it for every untrusted msgpack body.
+// Throws DecodeError for truncated or malformed input, trailing bytes or a broken limit.
+msgpack::object_handle parseLimited(const char* data, std::size_t size,
+                                    const DecodeLimits& limits = DecodeLimits());
 
 // Parses exactly one msgpack object from `data` under `limits` and decodes it as `type`.
 // Throws DecodeError for truncated input, trailing bytes, broken limits or a type mismatch.
