@@ -122,7 +122,7 @@ void Connection::shutdown(const std::string& reason) {
     left->onClosed = std::move(_onClosed);
   }
   _channel->close(reason);
-  KA_LOG_INFO(kCategory) << "Connection to " << _peer << " closed: " << reason;
+  KA_LOG_VERBOSE(kCategory) << "Connection to " << _peer << " closed: " << reason;
   // Waiting calls fail first; then the peer's subscriptions and handles go (running whatever
   // the objects do when they lose them), then the owner hears of it.
   onLoop([left, text = lost(reason), reason] {

@@ -123,7 +123,7 @@ void packArguments(Packer& pk, const AnyReferenceVector& args, ObjectCodec* obje
   pk.pack(argumentsSignature(args).toString());
   pk.pack_array(static_cast<std::uint32_t>(args.size()));
   for (const auto& a : args) {
-    packValue(pk, a, objects);
+    packTyped(pk, a, objects);
   }
 }
 
@@ -143,10 +143,7 @@ std::vector<AnyValue> unpackArguments(const Body& body, std::size_t at, ObjectCo
   std::vector<AnyValue> out;
   out.reserve(members.size());
   for (std::size_t i = 0; i < members.size(); ++i) {
-    if (members[i].toString() == "v") {
-      throw DecodeError(std::string(body.what()) + ": an argument cannot be void");
-    }
-    out.push_back(unpackValue(values.via.array.ptr[i], typeFor(members[i], body.what()), objects));
+    out.push_back(unpackTyped(values.via.array.ptr[i], members[i], objects, body.what()));
   }
   return out;
 }
