@@ -143,9 +143,9 @@ void Connection::shutdown(const std::string& reason) {
 }
 
 void Connection::send(Frame frame) {
-  if (!_channel->send(std::move(frame))) {
-    shutdown("The channel is closed");
-  }
+  // A refused frame means the channel closed: its close handler follows with the reason, and
+  // ends this connection.
+  (void)_channel->send(std::move(frame));
 }
 
 std::uint64_t Connection::newRequestId() {
@@ -316,6 +316,9 @@ Future<void> Connection::unsubscribe(std::uint64_t subscription) {
 }
 
 void Connection::onFrame(Frame frame) {
+  if (!isOpen()) {
+    return;  // frames still in flight when this end closed
+  }
   try {
     switch (static_cast<MessageType>(frame.type)) {
       case MessageType::Call:
