@@ -1,4 +1,4 @@
-#include "wire/transport.hpp"
+#include "wire/local_endpoints.hpp"
 
 #include "wire/local_channel.hpp"
 
@@ -12,15 +12,12 @@ namespace {
 
 constexpr const char kLocalScheme[] = "local://";
 
-bool isLocal(const std::string& url) {
-  return url.compare(0, sizeof(kLocalScheme) - 1, kLocalScheme) == 0;
-}
 
 // The "local://" endpoints of this process, by url.
 struct LocalEndpoints {
   std::mutex mutex;
   // Guarded by mutex; an endpoint's entry goes when its listener closes.
-  std::map<std::string, std::shared_ptr<AcceptHandler>> byUrl;
+  std::map<std::string, std::shared_ptr<LocalAcceptHandler>> byUrl;
 };
 
 LocalEndpoints& localEndpoints() {
@@ -28,13 +25,12 @@ LocalEndpoints& localEndpoints() {
   return endpoints;
 }
 
-class LocalListener : public Listener {
+class Registration : public LocalListener {
  public:
-  LocalListener(std::string url, std::shared_ptr<AcceptHandler> handler)
+  Registration(std::string url, std::shared_ptr<LocalAcceptHandler> handler)
       : _url(std::move(url)), _handler(std::move(handler)) {}
-  ~LocalListener() override { close(); }
+  ~Registration() override { close(); }
 
-  std::vector<std::string> endpoints() const override { return {_url}; }
   void close() override {
     auto& all = localEndpoints();
     std::lock_guard<std::mutex> lock(all.mutex);
@@ -46,32 +42,30 @@ class LocalListener : public Listener {
 
  private:
   const std::string _url;
-  const std::shared_ptr<AcceptHandler> _handler;
+  const std::shared_ptr<LocalAcceptHandler> _handler;
 };
 
 }  // namespace
 
-std::unique_ptr<Listener> listen(const std::string& url, AcceptHandler onAccept) {
-  if (!isLocal(url)) {
-    throw std::runtime_error("Cannot listen on \"" + url + "\": unsupported url");
+bool isLocalUrl(const std::string& url) {
+  return url.compare(0, sizeof(kLocalScheme) - 1, kLocalScheme) == 0;
+}
+
+std::unique_ptr<LocalListener> listenLocal(const std::string& url, LocalAcceptHandler onAccept) {
+  if (!isLocalUrl(url) || url.size() == sizeof(kLocalScheme) - 1) {
+    throw std::runtime_error("Cannot listen on \"" + url + "\": a local url is local://<name>");
   }
-  if (url.size() == sizeof(kLocalScheme) - 1) {
-    throw std::runtime_error("Cannot listen on \"" + url + "\": the endpoint needs a name");
-  }
-  auto handler = std::make_shared<AcceptHandler>(std::move(onAccept));
+  auto handler = std::make_shared<LocalAcceptHandler>(std::move(onAccept));
   auto& all = localEndpoints();
   std::lock_guard<std::mutex> lock(all.mutex);
   if (!all.byUrl.emplace(url, handler).second) {
     throw std::runtime_error("Cannot listen on \"" + url + "\": already in use");
   }
-  return std::make_unique<LocalListener>(url, handler);
+  return std::make_unique<Registration>(url, handler);
 }
 
-Future<ChannelPtr> connect(const std::string& url) {
-  if (!isLocal(url)) {
-    return makeFutureError<ChannelPtr>("Cannot connect to \"" + url + "\": unsupported url");
-  }
-  std::shared_ptr<AcceptHandler> handler;
+ChannelPtr connectLocal(const std::string& url) {
+  std::shared_ptr<LocalAcceptHandler> handler;
   {
     auto& all = localEndpoints();
     std::lock_guard<std::mutex> lock(all.mutex);
@@ -81,11 +75,11 @@ Future<ChannelPtr> connect(const std::string& url) {
     }
   }
   if (!handler) {
-    return makeFutureError<ChannelPtr>("Cannot connect to \"" + url + "\": nobody listens there");
+    throw std::runtime_error("Cannot connect to \"" + url + "\": nobody listens there");
   }
   auto ends = LocalChannel::makePair(url);
   (*handler)(ends.second);
-  return makeReadyFuture(ChannelPtr(ends.first));
+  return ends.first;
 }
 
 }  // namespace wire
