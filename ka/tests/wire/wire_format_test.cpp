@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -122,6 +123,28 @@ TEST(HandshakeBodies, RoundTripAndRefuseWhatTheirGrammarDoesNotAllow) {
   // An array claiming 2^32 - 1 elements in five bytes must not size an allocation.
   EXPECT_FALSE(decodeHello({'\xdd', '\xff', '\xff', '\xff', '\xff'}));
   EXPECT_FALSE(decodeHello(std::vector<char>(kMaxHandshakeBody + 1, '\xa1')));
+}
+
+// The worked example of docs/protocol.md, byte for byte.
+TEST(HandshakeBodies, AreTheBytesTheProtocolDocumentShows) {
+  auto hex = [](const std::vector<char>& bytes) {
+    std::string out;
+    char byte[4];
+    for (char c : bytes) {
+      std::snprintf(byte, sizeof byte, "%02x ",
+                    static_cast<unsigned>(static_cast<unsigned char>(c)));
+      out += byte;
+    }
+    return out;
+  };
+  EXPECT_EQ(hex(encodeHello("")), "91 a0 ");
+  EXPECT_EQ(hex(encodeWelcome()), "91 01 ");
+  EXPECT_EQ(hex(encodeRefused("this server requires a token")),
+            "91 bc 74 68 69 73 20 73 65 72 76 65 72 20 72 65 "
+            "71 75 69 72 65 73 20 61 20 74 6f 6b 65 6e ");
+  std::vector<char> header(kFrameHeaderSize);
+  encodeFrameHeader(kRefusedType, 0, 30, header.data());
+  EXPECT_EQ(hex(header), "6b 01 f2 00 1e 00 00 00 00 00 00 00 00 00 00 00 ");
 }
 
 TEST(TokenComparison, NeedsEveryByteAndTheLengthToMatch) {
