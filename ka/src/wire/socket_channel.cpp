@@ -206,8 +206,8 @@ void SocketChannel::beginReading() {
 }
 
 void SocketChannel::readMore() {
-  if (closed_ || reading_ || paused_) {
-    return;
+  if (closed_ || reading_ || paused_ || !open_) {
+    return;  // (when a close was requested, it is on its way to this thread)
   }
   boost::asio::mutable_buffer target;
   if (inLarge_) {
@@ -236,8 +236,9 @@ void SocketChannel::onRead(const boost::system::error_code& error, std::size_t b
     return;
   }
   if (error) {
-    closeNow(readErrorReason(error), error != boost::asio::error::eof || inLarge_ ||
-                                         inBegin_ != inEnd_ || phase_ == Phase::Handshake);
+    // A clean end between frames is ordinary, also before Hello (a liveness probe).
+    const bool clean = error == boost::asio::error::eof && !inLarge_ && inBegin_ == inEnd_;
+    closeNow(readErrorReason(error), !clean);
     return;
   }
   if (inLarge_) {

@@ -270,7 +270,14 @@ class ConnectAttempt final : public std::enable_shared_from_this<ConnectAttempt>
         tcpSocket_(impl.io),
         localSocket_(impl.io) {}
 
-  std::future<ChannelPtr> result() { return promise_.get_future(); }
+  // The channel, or why there is none. (Not an exception: its message would be shared between
+  // threads through a reference count the thread sanitizer cannot see.)
+  struct Outcome {
+    ChannelPtr channel;
+    std::string error;
+  };
+
+  std::future<Outcome> result() { return promise_.get_future(); }
 
   void start() {
     timer_.expires_after(options_.handshakeTimeout);
@@ -340,7 +347,7 @@ class ConnectAttempt final : public std::enable_shared_from_this<ConnectAttempt>
     }
     done_ = true;
     timer_.cancel();
-    promise_.set_value(channel_);
+    promise_.set_value(Outcome{channel_, {}});
     channel_.reset();
   }
 
@@ -357,8 +364,7 @@ class ConnectAttempt final : public std::enable_shared_from_this<ConnectAttempt>
     if (auto channel = std::move(channel_)) {
       channel->closeOnIoThread(why);
     }
-    promise_.set_exception(
-        std::make_exception_ptr(TransportError("cannot connect to " + url_.text() + ": " + why)));
+    promise_.set_value(Outcome{nullptr, "cannot connect to " + url_.text() + ": " + why});
   }
 
   Transport::Impl& impl_;
@@ -366,7 +372,7 @@ class ConnectAttempt final : public std::enable_shared_from_this<ConnectAttempt>
   const TransportOptions options_;
   // I/O thread only.
   bool done_ = false;
-  std::promise<ChannelPtr> promise_;
+  std::promise<Outcome> promise_;
   asio::steady_timer timer_;
   Tcp::resolver resolver_;
   Tcp::socket tcpSocket_;
@@ -567,16 +573,21 @@ ChannelPtr Transport::connect(const std::string& url, const TransportOptions& op
   Url parsed = parseUrl(url);
   checkOptions(options);
   auto attempt = std::make_shared<ConnectAttempt>(*impl_, std::move(parsed), options);
-  std::future<ChannelPtr> result = attempt->result();
+  std::future<ConnectAttempt::Outcome> result = attempt->result();
   asio::post(impl_->io, [attempt = std::move(attempt)] { attempt->start(); });
   if (result.wait_for(options.handshakeTimeout + kConnectGrace) != std::future_status::ready) {
     throw TransportError("cannot connect to " + url + ": the transport's I/O thread is busy");
   }
+  ConnectAttempt::Outcome outcome;
   try {
-    return result.get();
+    outcome = result.get();
   } catch (const std::future_error&) {
     throw TransportError("cannot connect to " + url + ": the transport shut down");
   }
+  if (!outcome.channel) {
+    throw TransportError(outcome.error);
+  }
+  return outcome.channel;
 }
 
 }  // namespace wire

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
+#include <deque>
 #include <fstream>
 #include <future>
 #include <memory>
@@ -258,6 +259,7 @@ TEST_P(OverEachSocketKind, AnOversizedLengthClosesThatConnectionUnallocatedAndOt
 
 TEST_P(OverEachSocketKind, GarbageInsteadOfAHeaderClosesTheConnectionBeforeOrAfterTheHandshake) {
   LogCapture log;
+  Recorder atServer, atReserved;
   Server server(listenUrl());
   {
     RawClient http(server.endpoints.at(0));
@@ -265,7 +267,6 @@ TEST_P(OverEachSocketKind, GarbageInsteadOfAHeaderClosesTheConnectionBeforeOrAft
     EXPECT_TRUE(http.waitForEnd());
     EXPECT_TRUE(log.waitFor("bad magic (starts with 47 45 54 20)"));
   }
-  Recorder atServer;
   RawClient raw(server.endpoints.at(0));
   ASSERT_TRUE(raw.handshake());
   ChannelPtr toRaw = server.next();
@@ -281,7 +282,6 @@ TEST_P(OverEachSocketKind, GarbageInsteadOfAHeaderClosesTheConnectionBeforeOrAft
   ASSERT_TRUE(reserved.handshake());
   ChannelPtr toReserved = server.next();
   ASSERT_TRUE(toReserved);
-  Recorder atReserved;
   atReserved.attach(toReserved);
   ASSERT_TRUE(reserved.writeFrame(kHelloType, 0, ""));
   EXPECT_THAT(atReserved.waitClose().value_or(""), HasSubstr("unexpected frame of transport type"));
@@ -311,6 +311,7 @@ TEST_P(OverEachSocketKind, AClientThatNeverReadsIsClosedAtTheOutputLimit) {
 TEST_P(OverEachSocketKind, ATokenIsRequiredComparedAndReportedToTheRefusedClient) {
   TransportOptions withToken;
   withToken.token = "s3cret";
+  Recorder atServer;
   Server server(listenUrl(), withToken);
   Transport client;
 
@@ -329,7 +330,6 @@ TEST_P(OverEachSocketKind, ATokenIsRequiredComparedAndReportedToTheRefusedClient
   } catch (const TransportError& e) {
     EXPECT_THAT(e.what(), HasSubstr("refused by the server: wrong token"));
   }
-  Recorder atServer;
   ChannelPtr channel = client.connect(server.endpoints.at(0), right);
   ChannelPtr accepted = server.next();
   ASSERT_TRUE(accepted);
@@ -385,10 +385,10 @@ TEST(TransportConnect, FailsClearlyWhenNothingListensOrNothingAnswers) {
 
 TEST(TransportConnect, IsRefusedOnTheTransportsOwnThreadInsteadOfDeadlocking) {
   TempDir dir;
+  std::promise<std::string> outcome;
   Server server("unix://" + dir.file("s.sock"));
   Transport client;
   ChannelPtr channel = client.connect(server.endpoints.at(0), {});
-  std::promise<std::string> outcome;
   channel->start(
       [&](Frame) {
         try {
@@ -408,6 +408,7 @@ TEST(TransportConnect, IsRefusedOnTheTransportsOwnThreadInsteadOfDeadlocking) {
 }
 
 TEST(TcpListening, OnPortZeroReportsTheChosenPortForEveryResolvedAddress) {
+  std::deque<Recorder> atServer;  // one per endpoint; outlives the transports
   Server server("tcp://localhost:0");
   ASSERT_FALSE(server.endpoints.empty());
   for (const std::string& endpoint : server.endpoints) {
@@ -415,13 +416,13 @@ TEST(TcpListening, OnPortZeroReportsTheChosenPortForEveryResolvedAddress) {
     EXPECT_NE(url.port, 0) << endpoint;
     EXPECT_EQ(url.port, parseUrl(server.endpoints[0]).port) << endpoint;
     Transport client;
-    Recorder atServer;
+    Recorder& recorder = atServer.emplace_back();
     ChannelPtr channel = client.connect(endpoint, {});
     ChannelPtr accepted = server.next();
     ASSERT_TRUE(accepted) << endpoint;
-    atServer.attach(accepted);
+    recorder.attach(accepted);
     ASSERT_TRUE(channel->send(makeFrame(1, 1, "hi")));
-    EXPECT_TRUE(atServer.waitFrames(1)) << endpoint;
+    EXPECT_TRUE(recorder.waitFrames(1)) << endpoint;
   }
 }
 
@@ -544,13 +545,13 @@ TEST(TransportShutdown, ClosesEveryChannelWithAReasonAndLeavesThemInertHusks) {
 TEST(TransportShutdown, FromInsideItsOwnHandlerDoesNotDeadlock) {
   TempDir dir;
   Recorder atClient;
+  std::promise<std::string> closed;
   auto server = std::make_unique<Server>("unix://" + dir.file("s.sock"));
   Transport client;
   ChannelPtr toServer = client.connect(server->endpoints.at(0), {});
   ChannelPtr toClient = server->next();
   ASSERT_TRUE(toClient);
   atClient.attach(toServer);
-  std::promise<std::string> closed;
   toClient->start([&](Frame) { server.reset(); },
                   [&](const std::string& reason) { closed.set_value(reason); });
   ASSERT_TRUE(toServer->send(makeFrame(1, 1, "stop")));
@@ -570,9 +571,9 @@ TEST(ChildPeer, EchoesFramesUntilKilled) {
   if (url == nullptr) {
     GTEST_SKIP() << "runs only as the peer process of SecondProcess tests";
   }
+  std::promise<void> closed;
   Transport transport;
   ChannelPtr channel = transport.connect(url, {});
-  std::promise<void> closed;
   std::weak_ptr<Channel> weak = channel;
   channel->start(
       [weak](Frame frame) {
