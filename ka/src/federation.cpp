@@ -14,37 +14,63 @@ DirectoryServer::~DirectoryServer() {
   close();
 }
 
-void DirectoryServer::listen(const std::string& url) {
+namespace {
+
+wire::TransportOptions transportOptions(const EndpointOptions& options) {
+  wire::TransportOptions out;
+  out.token = options.token;
+  out.allowNonLoopback = options.allowNonLoopback;
+  out.maxFrameBody = options.maxFrameBody;
+  out.maxQueuedOutput = options.maxQueuedOutput;
+  return out;
+}
+
+}  // namespace
+
+void DirectoryServer::listen(const std::string& url, const EndpointOptions& options) {
+  std::lock_guard<std::mutex> lifecycle(_lifecycle);
   const std::weak_ptr<DirectoryServer> weak = weak_from_this();
-  auto listener = wire::listen(url, [weak](wire::ChannelPtr channel) {
+  auto onAccept = [weak](wire::ChannelPtr channel) {
     if (const auto self = weak.lock()) {
       self->accept(channel);
     } else {
       channel->close("The session is closed");
     }
-  });
-  std::lock_guard<std::mutex> lock(_mutex);
-  if (_closed) {
-    listener->close();
-    throw std::runtime_error("The session is closed");
+  };
+  if (wire::isLocalUrl(url)) {
+    auto listener = wire::listenLocal(url, onAccept);
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_closed) {
+      throw std::runtime_error("The session is closed");
+    }
+    _localListeners.push_back(std::move(listener));
+    _endpoints.push_back(url);
+    return;
   }
-  _listeners.push_back(std::move(listener));
+  wire::Transport* transport;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_closed) {
+      throw std::runtime_error("The session is closed");
+    }
+    if (!_transport) {
+      _transport = std::make_unique<wire::Transport>();
+    }
+    transport = _transport.get();  // stays while _lifecycle is held
+  }
+  auto endpoints = transport->listen(url, transportOptions(options), onAccept);
+  std::lock_guard<std::mutex> lock(_mutex);
+  _endpoints.insert(_endpoints.end(), endpoints.begin(), endpoints.end());
 }
 
 std::vector<std::string> DirectoryServer::endpoints() const {
-  std::vector<std::string> out;
   std::lock_guard<std::mutex> lock(_mutex);
-  for (const auto& l : _listeners) {
-    for (auto& e : l->endpoints()) {
-      out.push_back(std::move(e));
-    }
-  }
-  return out;
+  return _endpoints;
 }
 
 bool DirectoryServer::isListening() const {
   std::lock_guard<std::mutex> lock(_mutex);
-  return !_listeners.empty();
+  return !_endpoints.empty();
 }
 
 void DirectoryServer::accept(const wire::ChannelPtr& channel) {
@@ -85,13 +111,17 @@ void DirectoryServer::accept(const wire::ChannelPtr& channel) {
 }
 
 void DirectoryServer::close() {
-  std::vector<std::unique_ptr<wire::Listener>> listeners;
+  std::lock_guard<std::mutex> lifecycle(_lifecycle);
+  std::unique_ptr<wire::Transport> transport;
+  std::vector<std::unique_ptr<wire::LocalListener>> listeners;
   std::set<std::shared_ptr<wire::Connection>> connections;
   {
     std::lock_guard<std::mutex> lock(_mutex);
     _closed = true;
-    listeners.swap(_listeners);
+    transport = std::move(_transport);
+    listeners.swap(_localListeners);
     connections.swap(_connections);
+    _endpoints.clear();
   }
   for (auto& l : listeners) {
     l->close();
@@ -99,41 +129,50 @@ void DirectoryServer::close() {
   for (const auto& c : connections) {
     c->close("The serving session closed");
   }
+  // Stops listening and the I/O thread, with no lock held: its handlers take _mutex.
+  transport.reset();
 }
 
-JoinedDirectory::JoinedDirectory(std::string url, std::shared_ptr<wire::Connection> connection)
-    : _url(std::move(url)), _connection(std::move(connection)) {}
+JoinedDirectory::JoinedDirectory(std::string url, std::unique_ptr<wire::Transport> transport,
+                                 std::shared_ptr<wire::Connection> connection)
+    : _url(std::move(url)), _transport(std::move(transport)), _connection(std::move(connection)) {}
 
 JoinedDirectory::~JoinedDirectory() {
   close();
 }
 
-Future<std::shared_ptr<JoinedDirectory>> JoinedDirectory::join(const std::string& url) {
+Future<std::shared_ptr<JoinedDirectory>> JoinedDirectory::join(const std::string& url,
+                                                               const EndpointOptions& options) {
+  std::unique_ptr<wire::Transport> transport;
+  wire::ChannelPtr channel;
+  try {
+    if (wire::isLocalUrl(url)) {
+      channel = wire::connectLocal(url);
+    } else {
+      transport = std::make_unique<wire::Transport>();
+      channel = transport->connect(url, transportOptions(options));
+    }
+  } catch (const std::exception& e) {
+    return makeFutureError<std::shared_ptr<JoinedDirectory>>(e.what());
+  }
+  auto connection = wire::Connection::create(channel);
+  auto joined = std::make_shared<JoinedDirectory>(url, std::move(transport), connection);
+  connection->start();
   Promise<std::shared_ptr<JoinedDirectory>> promise;
   Future<std::shared_ptr<JoinedDirectory>> result = promise.future();
-  (void)wire::connect(url).then([promise, url](Future<wire::ChannelPtr> connected) mutable {
-    if (connected.wait(FutureTimeout_None) != FutureState::FinishedWithValue) {
-      promise.setError(connected.error(FutureTimeout_None));
-      return;
-    }
-    auto connection = wire::Connection::create(connected.value(FutureTimeout_None));
-    connection->start();
-    auto joined = std::make_shared<JoinedDirectory>(url, connection);
-    (void)connection->lookup(Session::kDirectoryName)
-        .then([promise, joined](Future<AnyObject> directory) mutable {
-          if (directory.wait(FutureTimeout_None) != FutureState::FinishedWithValue) {
-            joined->close();
-            promise.setError("Cannot join the directory at " + joined->url() + ": " +
-                             directory.error(FutureTimeout_None));
-            return;
-          }
-          {
-            std::lock_guard<std::mutex> lock(joined->_mutex);
-            joined->_directoryObject = directory.value(FutureTimeout_None);
-          }
-          promise.setValue(joined);
-        });
-  });
+  (void)connection->lookup(Session::kDirectoryName)
+      .then([promise, joined](Future<AnyObject> directory) mutable {
+        if (directory.wait(FutureTimeout_None) != FutureState::FinishedWithValue) {
+          promise.setError("Cannot join the directory at " + joined->url() + ": " +
+                           directory.error(FutureTimeout_None));
+          return;
+        }
+        {
+          std::lock_guard<std::mutex> lock(joined->_mutex);
+          joined->_directoryObject = directory.value(FutureTimeout_None);
+        }
+        promise.setValue(joined);
+      });
   return result;
 }
 

@@ -8,6 +8,7 @@
 
 #include "servicedirectory.hpp"
 #include "wire/connection.hpp"
+#include "wire/local_endpoints.hpp"
 #include "wire/transport.hpp"
 
 #include <memory>
@@ -26,8 +27,8 @@ class DirectoryServer : public std::enable_shared_from_this<DirectoryServer> {
   explicit DirectoryServer(boost::shared_ptr<ServiceDirectory> directory);
   ~DirectoryServer();
 
-  // Throws std::runtime_error with the reason.
-  void listen(const std::string& url);
+  // Throws std::exception with the reason.
+  void listen(const std::string& url, const EndpointOptions& options);
   std::vector<std::string> endpoints() const;
   bool isListening() const;
   // Stops listening and ends every connection.
@@ -37,21 +38,29 @@ class DirectoryServer : public std::enable_shared_from_this<DirectoryServer> {
   void accept(const wire::ChannelPtr& channel);
 
   const boost::shared_ptr<ServiceDirectory> _directory;
+  // Serialises listen() and close(): the socket transport must not be destroyed while it is
+  // listening. Never held by handlers of the transport.
+  std::mutex _lifecycle;
   mutable std::mutex _mutex;
-  // All guarded by _mutex:
+  // All guarded by _mutex: the socket transport (made by the first socket url), the local
+  // endpoints, every url listened on, and the connections accepted.
   bool _closed = false;
-  std::vector<std::unique_ptr<wire::Listener>> _listeners;
+  std::unique_ptr<wire::Transport> _transport;
+  std::vector<std::unique_ptr<wire::LocalListener>> _localListeners;
+  std::vector<std::string> _endpoints;
   std::set<std::shared_ptr<wire::Connection>> _connections;
 };
 
 // A session's membership of a directory served elsewhere, over one connection.
 class JoinedDirectory {
  public:
-  JoinedDirectory(std::string url, std::shared_ptr<wire::Connection> connection);
+  JoinedDirectory(std::string url, std::unique_ptr<wire::Transport> transport,
+                  std::shared_ptr<wire::Connection> connection);
   ~JoinedDirectory();
 
-  // Connects to `url` and fetches its directory object.
-  static Future<std::shared_ptr<JoinedDirectory>> join(const std::string& url);
+  // Connects to `url` (waiting for a socket's handshake) and fetches its directory object.
+  static Future<std::shared_ptr<JoinedDirectory>> join(const std::string& url,
+                                                       const EndpointOptions& options);
 
   const std::string& url() const { return _url; }
   bool isConnected() const;
@@ -68,6 +77,9 @@ class JoinedDirectory {
   Future<T> lostError() const;
 
   const std::string _url;
+  // The I/O thread of a socket connection (null for a local one): declared before the
+  // connection, so that it outlives it.
+  const std::unique_ptr<wire::Transport> _transport;
   const std::shared_ptr<wire::Connection> _connection;
   mutable std::mutex _mutex;
   // Guarded by _mutex: the directory's object, set once joined.

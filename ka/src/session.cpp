@@ -104,7 +104,7 @@ Future<void> Session::unregisterService(unsigned int serviceId) {
   }
 }
 
-Future<void> Session::listen(const std::string& url) {
+Future<void> Session::listen(const std::string& url, const EndpointOptions& options) {
   if (_state->closed) {
     return closedError<void>();
   }
@@ -122,7 +122,7 @@ Future<void> Session::listen(const std::string& url) {
     server = _state->server;
   }
   try {
-    server->listen(url);
+    server->listen(url, options);
   } catch (const std::exception& e) {
     return makeFutureError<void>(e.what());
   }
@@ -138,7 +138,7 @@ std::vector<std::string> Session::endpoints() const {
   return server ? server->endpoints() : std::vector<std::string>();
 }
 
-Future<void> Session::connect(const std::string& url) {
+Future<void> Session::connect(const std::string& url, const EndpointOptions& options) {
   if (_state->closed) {
     return closedError<void>();
   }
@@ -154,8 +154,8 @@ Future<void> Session::connect(const std::string& url) {
     }
   }
   const boost::weak_ptr<Session> weak = weak_from_this();
-  return detail::JoinedDirectory::join(url).andThen(
-      [weak](const std::shared_ptr<detail::JoinedDirectory>& joined) {
+  return detail::JoinedDirectory::join(url, options)
+      .andThen([weak](const std::shared_ptr<detail::JoinedDirectory>& joined) {
         const auto self = weak.lock();
         std::shared_ptr<detail::JoinedDirectory> previous;
         {

@@ -10,6 +10,7 @@
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,6 +20,19 @@ namespace ka {
 struct KA_API ServiceInfo {
   std::string name;
   unsigned int serviceId = 0;
+};
+
+// How a session listens or connects over sockets.
+struct KA_API EndpointOptions {
+  // A shared secret, compared in constant time. Listening: when set, every client must present
+  // it. Connecting: presented to the server.
+  std::string token;
+  // Listening on TCP: accept a non-loopback address (a token is then required).
+  bool allowNonLoopback = false;
+  // The largest frame body accepted from or sent to a peer.
+  std::size_t maxFrameBody = std::size_t{16} << 20;
+  // Output a connection may hold for a peer that does not read; past it the connection closes.
+  std::size_t maxQueuedOutput = std::size_t{64} << 20;
 };
 
 namespace detail {
@@ -56,7 +70,7 @@ class KA_API Session : public boost::enable_shared_from_this<Session> {
   // 0 picks a free one) or "local://name" (reachable from this process only). Every session that
   // connects there joins the directory. May be called for several urls; fails with the reason
   // when the url cannot be listened on, or when this session joined another directory.
-  Future<void> listen(const std::string& url);
+  Future<void> listen(const std::string& url, const EndpointOptions& options = EndpointOptions());
   // The urls this session listens on, as they really are (a chosen port filled in).
   std::vector<std::string> endpoints() const;
   // Joins the directory served at `url`: from then on service() and services() see the
@@ -65,7 +79,7 @@ class KA_API Session : public boost::enable_shared_from_this<Session> {
   // "serviceRemoved" follow every participant. When the connection is lost, this session's
   // services there are gone and isConnected() is false; connect again to rejoin. Fails for a
   // session that listens, or that is connected already.
-  Future<void> connect(const std::string& url);
+  Future<void> connect(const std::string& url, const EndpointOptions& options = EndpointOptions());
 
   // Unregisters this session's services ("serviceRemoved" goes out for each, possibly on
   // this thread); afterwards every call fails. The destructor closes too.

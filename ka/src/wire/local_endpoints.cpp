@@ -12,7 +12,6 @@ namespace {
 
 constexpr const char kLocalScheme[] = "local://";
 
-
 // The "local://" endpoints of this process, by url.
 struct LocalEndpoints {
   std::mutex mutex;
