@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 #include <boost/make_shared.hpp>
 
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -405,6 +407,72 @@ TEST(RemoteReentrancy, AMethodBlockedOnARemoteReplyDoesNotStallTheTransport) {
   p.client->registerService("Pong", pong.object()).value(kWaitMs);
   ka::AnyObject remotePing = p.client->service("Ping").value(kWaitMs);
   EXPECT_EQ(remotePing->async<int>("ping").value(kWaitMs), 42);
+}
+
+}  // namespace
+
+namespace {
+
+std::string socketUrl(const std::string& kind) {
+  static std::atomic<int> next{0};
+  if (kind == "unix") {
+    return "unix:///tmp/ka-remote-test-" + std::to_string(::getpid()) + "-" +
+           std::to_string(next++) + ".sock";
+  }
+  return "tcp://127.0.0.1:0";
+}
+
+class SocketSession : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(SocketSession, CarriesCallsSignalsAndTheLossOfAParticipant) {
+  registerCalculator();
+  auto server = ka::makeSession();
+  server->listen(socketUrl(GetParam())).value(kWaitMs);
+  ASSERT_EQ(server->endpoints().size(), 1u);
+  const std::string url = server->endpoints().front();
+  EXPECT_EQ(url.find(":0"), std::string::npos) << url;  // a chosen port is reported
+  auto calculator = boost::make_shared<Calculator>();
+  server->registerService("Calculator", ka::AnyObject(calculator)).value(kWaitMs);
+  Recorder<std::string> atServer;
+  watchDirectory(server, atServer);
+
+  auto client = ka::makeSession();
+  client->connect(url).value(kWaitMs);
+  ka::AnyObject remote = client->service("Calculator").value(kWaitMs);
+  EXPECT_EQ(remote->call<int>("add", 2, 3), 5);
+  Recorder<int> events;
+  const auto link = remote->connect("ticked", [&](int v) { events.add(v); }).value(kWaitMs);
+  calculator->ticked(7);
+  EXPECT_EQ(events.waitFor(1), std::vector<int>{7});
+  remote->disconnect(link).value(kWaitMs);
+
+  client->registerService("Echo", echoObject("c:")).value(kWaitMs);
+  EXPECT_EQ(server->service("Echo").value(kWaitMs)->call<std::string>("echo", "x"), "c:x");
+  client->close();
+  EXPECT_EQ(atServer.waitFor(2), (std::vector<std::string>{"+Echo", "-Echo"}));
+  server->close();
+}
+
+INSTANTIATE_TEST_SUITE_P(UnixAndTcp, SocketSession, ::testing::Values("unix", "tcp"));
+
+TEST(SocketSessionSecurity, AServerWithATokenRefusesClientsWithoutIt) {
+  auto server = ka::makeSession();
+  ka::EndpointOptions options;
+  options.token = "s3cret";
+  server->listen("tcp://127.0.0.1:0", options).value(kWaitMs);
+  server->registerService("Echo", echoObject("")).value(kWaitMs);
+  const std::string url = server->endpoints().front();
+
+  auto stranger = ka::makeSession();
+  EXPECT_TRUE(stranger->connect(url).hasError(kWaitMs));
+  ka::EndpointOptions wrong;
+  wrong.token = "guess";
+  EXPECT_TRUE(stranger->connect(url, wrong).hasError(kWaitMs));
+  auto friendly = ka::makeSession();
+  friendly->connect(url, options).value(kWaitMs);
+  EXPECT_EQ(friendly->service("Echo").value(kWaitMs)->call<std::string>("echo", "in"), "in");
+  friendly->close();
+  server->close();
 }
 
 }  // namespace
