@@ -25,8 +25,9 @@ class Body {
                         " bytes after the body");
     }
     const msgpack::object& o = _handle.get();
-    if (o.type != msgpack::type::ARRAY || o.via.array.size != fields) {
-      throw DecodeError(std::string(what) + ": the body must be an array of " +
+    // Later versions may append fields: those past the ones known here are ignored.
+    if (o.type != msgpack::type::ARRAY || o.via.array.size < fields) {
+      throw DecodeError(std::string(what) + ": the body must be an array of at least " +
                         std::to_string(fields) + " fields");
     }
   }
