@@ -8,11 +8,16 @@
 #include <gtest/gtest.h>
 #include <boost/make_shared.hpp>
 
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
 #include <future>
 #include <map>
 #include <mutex>
@@ -472,6 +477,74 @@ TEST(SocketSessionSecurity, AServerWithATokenRefusesClientsWithoutIt) {
   friendly->connect(url, options).value(kWaitMs);
   EXPECT_EQ(friendly->service("Echo").value(kWaitMs)->call<std::string>("echo", "in"), "in");
   friendly->close();
+  server->close();
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// A participant in another process: this program started again, running only the child test.
+
+namespace {
+
+constexpr const char kChildUrlVariable[] = "KA_REMOTE_TEST_CHILD_URL";
+
+TEST(RemoteProcessChild, ServesUntilKilled) {
+  const char* url = std::getenv(kChildUrlVariable);
+  if (url == nullptr) {
+    GTEST_SKIP() << "runs only as the other process of RemoteProcess tests";
+  }
+  auto session = ka::makeSession();
+  session->connect(url).value(kWaitMs);
+  auto never = std::make_shared<ka::Promise<int>>();
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("pid", [] { return static_cast<int>(::getpid()); });
+  b.advertiseMethod("wait", [never] { return never->future(); });
+  session->registerService("Child", b.object()).value(kWaitMs);
+  // The parent kills this process; the limit only keeps an orphan from lingering.
+  (void)never->future().wait(60000);
+}
+
+TEST(RemoteProcess, ItsServicesGoAndItsWaitingCallsFailWhenItIsKilled) {
+  auto server = ka::makeSession();
+  server->listen(socketUrl("unix")).value(kWaitMs);
+  Recorder<std::string> events;
+  watchDirectory(server, events);
+
+  std::vector<std::string> environment;
+  for (char** e = environ; *e != nullptr; ++e) {
+    environment.emplace_back(*e);
+  }
+  environment.push_back(std::string(kChildUrlVariable) + "=" + server->endpoints().at(0));
+  std::vector<char*> envp;
+  for (auto& entry : environment) {
+    envp.push_back(entry.data());
+  }
+  envp.push_back(nullptr);
+  std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  std::string filter = "--gtest_filter=RemoteProcessChild.ServesUntilKilled";
+  char* argv[] = {self.data(), filter.data(), nullptr};
+  pid_t child = 0;
+  ASSERT_EQ(::posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+  struct Reaper {
+    pid_t pid;
+    ~Reaper() {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
+  } reaper{child};
+
+  ASSERT_EQ(events.waitFor(1), std::vector<std::string>{"+Child"});
+  ka::AnyObject remote = server->service("Child").value(kWaitMs);
+  EXPECT_EQ(remote->call<int>("pid"), child);
+  const auto waiting = remote->async<int>("wait");
+
+  ::kill(child, SIGKILL);
+  EXPECT_TRUE(contains(waiting.error(kWaitMs), "Connection lost to"));
+  EXPECT_EQ(events.waitFor(2), (std::vector<std::string>{"+Child", "-Child"}));
+  EXPECT_EQ(remote->async<int>("pid").error(kWaitMs), "Invalid GenericObject");
+  EXPECT_TRUE(server->service("Child").hasError(kWaitMs));
   server->close();
 }
 
