@@ -330,12 +330,17 @@ TEST(RemoteDirectory, AParticipantThatGoesTakesItsServicesAndFailsCallsWaitingOn
   auto answer = std::make_shared<ka::Promise<int>>();
   ka::DynamicObjectBuilder b;
   b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
-  b.advertiseMethod("wait", [answer] { return answer->future(); });
+  auto entered = std::make_shared<Recorder<int>>();
+  b.advertiseMethod("wait", [answer, entered] {
+    entered->add(1);
+    return answer->future();
+  });
   p.client->registerService("Waiter", b.object()).value(kWaitMs);
   ka::AnyObject relayed = third->service("Waiter").value(kWaitMs);
   ka::AnyObject direct = p.server->service("Waiter").value(kWaitMs);
   const auto viaServer = relayed->async<int>("wait");
   const auto fromServer = direct->async<int>("wait");
+  ASSERT_EQ(entered->waitFor(2).size(), 2u);  // both calls wait in the client
 
   p.client->close();
   EXPECT_TRUE(contains(fromServer.error(kWaitMs), "Connection lost to"));
