@@ -485,6 +485,30 @@ TEST(SocketSessionSecurity, AServerWithATokenRefusesClientsWithoutIt) {
   server->close();
 }
 
+TEST(SocketSessionSecurity, AMessageOverTheFrameLimitFailsItsCallButNotTheConnection) {
+  ka::EndpointOptions small;
+  small.maxFrameBody = 1024;
+  auto server = ka::makeSession();
+  server->listen("tcp://127.0.0.1:0", small).value(kWaitMs);
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("echo", [](const std::string& s) { return s; });
+  b.advertiseMethod("grow", [](int n) { return std::string(static_cast<std::size_t>(n), 'y'); });
+  server->registerService("Echo", b.object()).value(kWaitMs);
+  auto client = ka::makeSession();
+  client->connect(server->endpoints().front(), small).value(kWaitMs);
+  ka::AnyObject echo = client->service("Echo").value(kWaitMs);
+
+  EXPECT_TRUE(contains(echo->async<std::string>("echo", std::string(4096, 'x')).error(kWaitMs),
+                       "frame limit"));
+  EXPECT_TRUE(
+      contains(echo->async<std::string>("grow", 4096).error(kWaitMs), "Cannot send the result"));
+  EXPECT_EQ(echo->call<std::string>("echo", "small"), "small");
+  EXPECT_TRUE(client->isConnected());
+  client->close();
+  server->close();
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------

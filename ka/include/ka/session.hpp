@@ -100,7 +100,8 @@ using SessionPtr = boost::shared_ptr<Session>;
 // A session with a directory of its own.
 KA_API SessionPtr makeSession();
 // Another session on the same directory as `peer`: both see the same services, and
-// each owns what it registered.
+// each owns what it registered. That is `peer`'s own directory, not one `peer` joined with
+// connect().
 KA_API SessionPtr makeSession(const SessionPtr& peer);
 
 }  // namespace ka

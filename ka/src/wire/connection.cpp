@@ -142,10 +142,11 @@ void Connection::shutdown(const std::string& reason) {
   });
 }
 
-void Connection::send(Frame frame) {
-  // A refused frame means the channel closed: its close handler follows with the reason, and
-  // ends this connection.
-  (void)_channel->send(std::move(frame));
+bool Connection::send(Frame frame) {
+  // A channel refuses a frame when it is closed (its close handler follows with the reason and
+  // ends this connection) or, while staying open, a frame it will never carry (one larger than
+  // the frame limit): the callers below answer the second case.
+  return _channel->send(std::move(frame));
 }
 
 std::uint64_t Connection::newRequestId() {
@@ -169,18 +170,23 @@ Future<AnyValue> Connection::request(std::uint64_t requestId, Frame frame,
     }
     _pending.emplace(requestId, Pending{promise, expected});
   }
-  send(std::move(frame));
+  if (!send(std::move(frame)) && _channel->isOpen()) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _pending.erase(requestId);
+    return makeFutureError<AnyValue>("Cannot send the request to " + _peer +
+                                     ": the channel refused it (larger than the frame limit?)");
+  }
   return result;
 }
 
 void Connection::replyError(std::uint64_t requestId, const std::string& text) {
   if (requestId != 0) {
-    send(encodeError(requestId, text));
+    (void)send(encodeError(requestId, text));
   }
 }
 
 void Connection::replyVoid(std::uint64_t requestId) {
-  send(encodeReply(requestId, AnyValue::makeVoid(), nullptr));
+  (void)send(encodeReply(requestId, AnyValue::makeVoid(), nullptr));
 }
 
 void Connection::reply(std::uint64_t requestId, const Future<AnyValue>& result) {
@@ -194,7 +200,12 @@ void Connection::reply(std::uint64_t requestId, const Future<AnyValue>& result) 
   } else {
     frame = encodeError(requestId, result.error(FutureTimeout_None));
   }
-  send(std::move(frame));
+  if (!send(std::move(frame)) && _channel->isOpen()) {
+    // The caller must hear something: a short error always fits.
+    (void)send(encodeError(requestId,
+                           "Cannot send the result: the channel refused it (larger "
+                           "than the frame limit?)"));
+  }
 }
 
 AnyObject Connection::exported(std::uint32_t id) const {
@@ -267,7 +278,7 @@ void Connection::release(std::uint32_t object, std::uint64_t received, const Rem
       return;
     }
   }
-  send(encodeRelease(ReleaseMessage{object, received}));
+  (void)send(encodeRelease(ReleaseMessage{object, received}));
 }
 
 Future<AnyObject> Connection::lookup(const std::string& name) {
@@ -532,7 +543,9 @@ void Connection::forward(const ConnectMessage& subscription, const AnyReferenceV
     KA_LOG_WARNING(kCategory) << "Cannot forward an event to " << _peer << ": " << e.what();
     return;
   }
-  send(std::move(frame));
+  if (!send(std::move(frame)) && _channel->isOpen()) {
+    KA_LOG_WARNING(kCategory) << "The channel to " << _peer << " refused an event";
+  }
 }
 
 void Connection::onDisconnect(const Frame& frame) {
@@ -633,7 +646,7 @@ void Connection::onLookup(const Frame& frame) {
     replyError(frame.requestId, "Cannot find service \"" + name + "\"");
     return;
   }
-  send(encodeReply(frame.requestId, AnyReference::from(object), this));
+  (void)send(encodeReply(frame.requestId, AnyReference::from(object), this));
 }
 
 void Connection::onRelease(const Frame& frame) {

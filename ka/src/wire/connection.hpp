@@ -142,7 +142,8 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
   void replyVoid(std::uint64_t requestId);
   // The failure text of calls cut short by the end of the connection.
   std::string lost(const std::string& reason) const;
-  void send(Frame frame);
+  // False when the channel refused the frame; see the definition.
+  bool send(Frame frame);
   void shutdown(const std::string& reason);
   AnyObject exported(std::uint32_t id) const;
   std::uint32_t exportObject(const boost::shared_ptr<GenericObject>& object);
