@@ -5,6 +5,7 @@
 #include <ka/object.hpp>
 #include <ka/signaturetype.hpp>
 
+#include <cmath>
 #include <functional>
 #include <map>
 #include <memory>
@@ -75,9 +76,14 @@ int compareValues(const AnyReference& a, const AnyReference& b) {
       }
       return threeWay(static_cast<std::uint64_t>(va), static_cast<std::uint64_t>(vb));
     }
-    case TypeKind::Float:
-      return threeWay(static_cast<const FloatTypeInterface*>(a.type())->get(a.rawValue()),
-                      static_cast<const FloatTypeInterface*>(b.type())->get(b.rawValue()));
+    case TypeKind::Float: {
+      const double x = static_cast<const FloatTypeInterface*>(a.type())->get(a.rawValue());
+      const double y = static_cast<const FloatTypeInterface*>(b.type())->get(b.rawValue());
+      // NaN, which compares with nothing, goes last so that the order stays strict and weak.
+      const bool nx = std::isnan(x);
+      const bool ny = std::isnan(y);
+      return nx || ny ? threeWay(nx, ny) : threeWay(x, y);
+    }
     case TypeKind::String: {
       const int c =
           static_cast<const StringTypeInterface*>(a.type())

@@ -61,6 +61,8 @@ msgpack::unpack_limit unpackLimit(const DecodeLimits& limits = DecodeLimits());
 
 // Parses exactly one msgpack object from `data` under `limits`, checking claimed sizes and
 // nesting before msgpack-cxx allocates for them. Use it for every untrusted msgpack body.
+// maxDepth counts from the outermost object: a body that wraps values in arrays of its own
+// needs the values' depth plus its own.
 // Throws DecodeError for truncated or malformed input, trailing bytes or a broken limit.
 msgpack::object_handle parseLimited(const char* data, std::size_t size,
                                     const DecodeLimits& limits = DecodeLimits());

@@ -167,6 +167,21 @@ TEST(RunTimeValue, MapKeepsTheEntryOrderOfTheCxxMap) {
   EXPECT_EQ((w.to<std::map<std::string, int>>()), words);
 }
 
+TEST(RunTimeValue, MapKeysOfAnyTypeHaveAStrictOrder) {
+  // Dynamic keys order by their content's signature first: int32 1 and int64 1 are two keys.
+  const AnyValue mixed =
+      decode(unhex("83") + unhex("92a16901a161") + unhex("92a173a178a162") + unhex("92a16c01a163"),
+             "{ms}");
+  ASSERT_EQ(mixed.size(), 3u);
+  EXPECT_EQ(mixed.mapEntries()[0].first.content().signature().toString(), "i");
+  // NaN keys sort last and equal each other, so two of them are one key repeated.
+  const std::string nan = unhex("cb7ff8000000000000");
+  const AnyValue floats = decode(
+      unhex("82") + nan + unhex("a161") + unhex("cb3ff0000000000000") + unhex("a162"), "{ds}");
+  EXPECT_EQ(floats.mapEntries()[0].second.toString(), "b");
+  expectRefused(unhex("82") + nan + unhex("a161") + nan + unhex("a162"), "{ds}", "repeated key");
+}
+
 TEST(RunTimeValue, FreshTupleHoldsADefaultOfEachMember) {
   const ka::TypeInterface& t = typeOfText("(is[d]m)");
   const AnyValue v(&t, t.initializeStorage(), true);
