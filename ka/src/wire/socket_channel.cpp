@@ -151,9 +151,11 @@ bool SocketChannel::enqueue(std::uint8_t type, std::uint64_t requestId, std::vec
   }
   OutFrame out;
   encodeFrameHeader(type, requestId, static_cast<std::uint32_t>(body.size()), out.header.data());
-  if (!writing_ && fd_ >= 0) {
-    // Nothing queued and no write in flight: write from this thread at once, sparing a hop to
-    // the I/O thread. Never blocks; what the socket does not take is queued below.
+  // Nothing queued and no write in flight: a sender on another thread writes at once, sparing
+  // a wake-up of the I/O thread; never blocks, what the socket does not take is queued below.
+  // On the I/O thread (replies sent from a frame handler) the frame is queued instead: the
+  // flush runs once the handler's whole read is processed and sends its replies in one write.
+  if (!writing_ && fd_ >= 0 && !io_.get_executor().running_in_this_thread()) {
     iovec parts[2] = {{out.header.data(), out.header.size()}, {body.data(), body.size()}};
     msghdr message{};
     message.msg_iov = parts;
