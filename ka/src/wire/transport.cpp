@@ -13,6 +13,9 @@
 #include <boost/asio/post.hpp>
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -55,6 +58,19 @@ void checkOptions(const TransportOptions& options) {
   if (options.maxFrameBody > std::numeric_limits<std::uint32_t>::max()) {
     throw std::invalid_argument("maxFrameBody above 4 GiB - 1: a frame length is 32 bits");
   }
+}
+
+// Small frames leave at once; and a peer that vanishes without closing (cable pulled, machine
+// gone) is noticed within about a minute of silence even when nothing is being sent.
+void configureTcp(Tcp::socket& socket) {
+  boost::system::error_code ignored;
+  socket.set_option(Tcp::no_delay(true), ignored);
+  socket.set_option(asio::socket_base::keep_alive(true), ignored);
+  const int idleSeconds = 30, intervalSeconds = 10, probes = 3;
+  ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof idleSeconds);
+  ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_KEEPINTVL, &intervalSeconds,
+               sizeof intervalSeconds);
+  ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
 }
 
 std::string tcpPeer(const Tcp::socket& socket) {
@@ -218,8 +234,7 @@ class AcceptLoop final : public Listener,
     }
     std::string peer;
     if constexpr (std::is_same_v<Protocol, Tcp>) {
-      boost::system::error_code ignored;
-      socket.set_option(Tcp::no_delay(true), ignored);
+      configureTcp(socket);
       peer = tcpPeer(socket);
     } else {
       peer = unixPeer(socket, url_);
@@ -323,8 +338,7 @@ class ConnectAttempt final : public std::enable_shared_from_this<ConnectAttempt>
     }
     std::optional<SocketChannel::Socket> socket;
     if (url_.kind == Url::Kind::Tcp) {
-      boost::system::error_code ignored;
-      tcpSocket_.set_option(Tcp::no_delay(true), ignored);
+      configureTcp(tcpSocket_);
       socket.emplace(std::move(tcpSocket_));
     } else {
       socket.emplace(std::move(localSocket_));
@@ -416,7 +430,10 @@ bool unixSocketAnswers(const std::string& path, const std::string& url) {
 }  // namespace
 
 Transport::Transport() : impl_(std::make_shared<Impl>()) {
-  impl_->thread = std::thread([impl = impl_] { impl->run(); });
+  impl_->thread = std::thread([impl = impl_] {
+    ::pthread_setname_np(::pthread_self(), "ka-transport");  // for debuggers and top
+    impl->run();
+  });
 }
 
 Transport::~Transport() {
