@@ -104,10 +104,12 @@ class Listener {
   virtual void close() = 0;
 };
 
-struct Transport::Impl : std::enable_shared_from_this<Transport::Impl> {
-  asio::io_context io{1};
+// Shared by the Transport and its thread, so that the thread can finish the shutdown on its own
+// when the transport is destroyed by one of its handlers.
+struct Transport::Impl {
+  asio::io_context io{1};  // one thread runs it: handlers never run concurrently
   asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};
-  std::thread thread;
+  std::thread thread;  // runs io; joined by ~Transport, or detached when that runs on it
 
   std::mutex mutex;
   // Guarded by mutex.
