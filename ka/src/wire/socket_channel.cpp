@@ -169,9 +169,9 @@ bool SocketChannel::enqueue(std::uint8_t type, std::uint64_t requestId, std::vec
   // On the I/O thread (replies sent from a frame handler) the frame is queued instead: the
   // flush runs once the handler's whole read is processed and sends its replies in one write.
   if (!writing_ && fd_ >= 0 && !io_.get_executor().running_in_this_thread()) {
-    iovec parts[2] = {{out.header.data(), out.header.size()}, {body.data(), body.size()}};
+    iovec pieces[2] = {{out.header.data(), out.header.size()}, {body.data(), body.size()}};
     msghdr message{};
-    message.msg_iov = parts;
+    message.msg_iov = pieces;
     message.msg_iovlen = body.empty() ? 1 : 2;
     ssize_t written;
     do {
