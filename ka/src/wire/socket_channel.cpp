@@ -29,6 +29,8 @@ constexpr std::size_t kInputBufferSize = 64 * 1024;
 // A body that does not fit the input buffer gets its own, grown as its bytes arrive, starting
 // here: what a peer makes us allocate follows what it actually sent, not what it declared.
 constexpr std::size_t kFirstLargeChunk = 256 * 1024;
+// close() sends what was queued before it for at most this long.
+constexpr std::chrono::milliseconds kCloseLinger{5000};
 
 std::string hexByte(std::uint8_t value) {
   char text[8];
@@ -72,6 +74,7 @@ void SocketChannel::closeOnIoThread(const std::string& reason) {
 }
 
 void SocketChannel::release() {
+  CloseHandler unstarted;  // started, but the I/O thread stopped before it took the handlers
   {
     std::lock_guard<std::mutex> lock(mutex_);
     attached_ = false;
@@ -79,6 +82,9 @@ void SocketChannel::release() {
     fd_ = -1;
     queue_.clear();
     pendingOnFrame_ = nullptr;
+    if (!handlersInstalled_) {
+      unstarted = std::move(pendingOnClose_);
+    }
     pendingOnClose_ = nullptr;
   }
   socket_.reset();
@@ -88,6 +94,13 @@ void SocketChannel::release() {
   onFrame_ = nullptr;
   onClose_ = nullptr;
   closed_ = true;
+  if (unstarted) {
+    try {
+      unstarted("transport shut down");
+    } catch (const std::exception& e) {
+      KA_LOG_ERROR(kCategory) << peer_ << ": close handler threw: " << e.what();
+    }
+  }
 }
 
 void SocketChannel::start(FrameHandler onFrame, CloseHandler onClose) {
@@ -126,7 +139,7 @@ bool SocketChannel::send(Frame frame) {
 void SocketChannel::close(const std::string& reason) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (open_) {
-    requestCloseLocked(reason);
+    requestCloseLocked(reason, true);
   }
 }
 
@@ -146,17 +159,19 @@ bool SocketChannel::enqueue(std::uint8_t type, std::uint64_t requestId, std::vec
                                std::to_string(options_.maxQueuedOutput) +
                                " (the peer does not read)";
     KA_LOG_WARNING(kCategory) << peer_ << ": closing: " << reason;
-    requestCloseLocked(reason);
+    requestCloseLocked(reason, false);
     return false;
   }
   OutFrame out;
   encodeFrameHeader(type, requestId, static_cast<std::uint32_t>(body.size()), out.header.data());
-  if (!writing_ && fd_ >= 0) {
-    // Nothing queued and no write in flight: write from this thread at once, sparing a hop to
-    // the I/O thread. Never blocks; what the socket does not take is queued below.
-    iovec parts[2] = {{out.header.data(), out.header.size()}, {body.data(), body.size()}};
+  // Nothing queued and no write in flight: a sender on another thread writes at once, sparing
+  // a wake-up of the I/O thread; never blocks, what the socket does not take is queued below.
+  // On the I/O thread (replies sent from a frame handler) the frame is queued instead: the
+  // flush runs once the handler's whole read is processed and sends its replies in one write.
+  if (!writing_ && fd_ >= 0 && !io_.get_executor().running_in_this_thread()) {
+    iovec pieces[2] = {{out.header.data(), out.header.size()}, {body.data(), body.size()}};
     msghdr message{};
-    message.msg_iov = parts;
+    message.msg_iov = pieces;
     message.msg_iovlen = body.empty() ? 1 : 2;
     ssize_t written;
     do {
@@ -167,7 +182,7 @@ bool SocketChannel::enqueue(std::uint8_t type, std::uint64_t requestId, std::vec
     }
     if (written < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
       const std::string reason = std::string("connection lost: ") + std::strerror(errno);
-      requestCloseLocked(reason);
+      requestCloseLocked(reason, false);
       return false;
     }
     out.sent = written > 0 ? static_cast<std::size_t>(written) : 0;
@@ -182,11 +197,44 @@ bool SocketChannel::enqueue(std::uint8_t type, std::uint64_t requestId, std::vec
   return true;
 }
 
-void SocketChannel::requestCloseLocked(const std::string& reason) {
+void SocketChannel::requestCloseLocked(const std::string& reason, bool flushFirst) {
   open_ = false;
   if (attached_) {
-    boost::asio::post(io_, [self = shared_from_this(), reason] { self->closeNow(reason, false); });
+    boost::asio::post(io_, [self = shared_from_this(), reason, flushFirst] {
+      if (flushFirst) {
+        self->closeAfterFlush(reason);
+      } else {
+        self->closeNow(reason, true);
+      }
+    });
   }
+}
+
+void SocketChannel::closeAfterFlush(const std::string& reason) {
+  if (closed_ || closeAfterFlush_) {
+    return;
+  }
+  bool pending;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    pending = writing_;
+  }
+  if (!pending) {
+    closeNow(reason, false);
+    return;
+  }
+  // onWritten closes once the queue is empty; a peer that stops reading cannot hold the
+  // connection open for longer than this.
+  closeAfterFlush_ = true;
+  closeAfterFlushReason_ = reason;
+  timer_->expires_after(kCloseLinger);
+  timer_->async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+    if (!error) {
+      self->closeNow(self->closeAfterFlushReason_ + " (frames still queued after " +
+                         std::to_string(kCloseLinger.count()) + " ms were dropped)",
+                     true);
+    }
+  });
 }
 
 void SocketChannel::beginReading() {
@@ -417,9 +465,16 @@ void SocketChannel::flush() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_ || queue_.empty()) {
       writing_ = false;
-      return;
+      if (closed_ || !closeAfterFlush_) {
+        return;
+      }
+    } else {
+      inFlight_.swap(queue_);
     }
-    inFlight_.swap(queue_);
+  }
+  if (inFlight_.empty()) {
+    closeNow(closeAfterFlushReason_, false);
+    return;
   }
   buffers_.clear();
   for (const OutFrame& frame : inFlight_) {

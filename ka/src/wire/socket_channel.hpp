@@ -48,12 +48,16 @@ class SocketChannel final : public Channel, public std::enable_shared_from_this<
   void closeOnIoThread(const std::string& reason);
   // Once the I/O thread has stopped for good (or on it, as its last act): destroys the socket
   // and the timer while their I/O context still exists. From then on the channel is a closed
-  // husk that never touches the context again.
+  // husk that never touches the context again. A channel started too late for the I/O thread to
+  // take its handlers gets its close handler called here, so that every started channel hears
+  // of its end once.
   void release();
 
-  // Channel. send() also refuses (false, logged) a frame of a transport-reserved type or one
-  // larger than the frame limit, which the peer would refuse anyway; the channel stays open.
-  // start() on a channel whose transport is gone runs the close handler at once, on the caller.
+  // Channel. close() still sends the frames queued before it (for up to 5 s) and then closes;
+  // its close handler runs then. send() also refuses (false, logged) a frame of a
+  // transport-reserved type or one larger than the frame limit, which the peer would refuse anyway;
+  // the channel stays open. start() on a channel whose transport is gone runs the close handler at
+  // once, on the caller.
   void start(FrameHandler onFrame, CloseHandler onClose) override;
   bool send(Frame frame) override;
   void close(const std::string& reason) override;
@@ -72,8 +76,10 @@ class SocketChannel final : public Channel, public std::enable_shared_from_this<
   };
 
   bool enqueue(std::uint8_t type, std::uint64_t requestId, std::vector<char>&& body);
-  // mutex_ held. Stops accepting frames and has the I/O thread close with `reason`.
-  void requestCloseLocked(const std::string& reason);
+  // mutex_ held. Stops accepting frames and has the I/O thread close with `reason`, after
+  // sending what is queued when `flushFirst`.
+  void requestCloseLocked(const std::string& reason, bool flushFirst);
+  void closeAfterFlush(const std::string& reason);
   void beginReading();
   void readMore();
   void onRead(const boost::system::error_code& error, std::size_t bytes);

@@ -13,6 +13,9 @@
 #include <boost/asio/post.hpp>
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -57,6 +60,19 @@ void checkOptions(const TransportOptions& options) {
   }
 }
 
+// Small frames leave at once; and a peer that vanishes without closing (cable pulled, machine
+// gone) is noticed within about a minute of silence even when nothing is being sent.
+void configureTcp(Tcp::socket& socket) {
+  boost::system::error_code ignored;
+  socket.set_option(Tcp::no_delay(true), ignored);
+  socket.set_option(asio::socket_base::keep_alive(true), ignored);
+  const int idleSeconds = 30, intervalSeconds = 10, probes = 3;
+  ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof idleSeconds);
+  ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_KEEPINTVL, &intervalSeconds,
+               sizeof intervalSeconds);
+  ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+}
+
 std::string tcpPeer(const Tcp::socket& socket) {
   boost::system::error_code error;
   const Tcp::endpoint remote = socket.remote_endpoint(error);
@@ -88,10 +104,12 @@ class Listener {
   virtual void close() = 0;
 };
 
-struct Transport::Impl : std::enable_shared_from_this<Transport::Impl> {
-  asio::io_context io{1};
+// Shared by the Transport and its thread, so that the thread can finish the shutdown on its own
+// when the transport is destroyed by one of its handlers.
+struct Transport::Impl {
+  asio::io_context io{1};  // one thread runs it: handlers never run concurrently
   asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};
-  std::thread thread;
+  std::thread thread;  // runs io; joined by ~Transport, or detached when that runs on it
 
   std::mutex mutex;
   // Guarded by mutex.
@@ -218,8 +236,7 @@ class AcceptLoop final : public Listener,
     }
     std::string peer;
     if constexpr (std::is_same_v<Protocol, Tcp>) {
-      boost::system::error_code ignored;
-      socket.set_option(Tcp::no_delay(true), ignored);
+      configureTcp(socket);
       peer = tcpPeer(socket);
     } else {
       peer = unixPeer(socket, url_);
@@ -323,8 +340,7 @@ class ConnectAttempt final : public std::enable_shared_from_this<ConnectAttempt>
     }
     std::optional<SocketChannel::Socket> socket;
     if (url_.kind == Url::Kind::Tcp) {
-      boost::system::error_code ignored;
-      tcpSocket_.set_option(Tcp::no_delay(true), ignored);
+      configureTcp(tcpSocket_);
       socket.emplace(std::move(tcpSocket_));
     } else {
       socket.emplace(std::move(localSocket_));
@@ -416,7 +432,10 @@ bool unixSocketAnswers(const std::string& path, const std::string& url) {
 }  // namespace
 
 Transport::Transport() : impl_(std::make_shared<Impl>()) {
-  impl_->thread = std::thread([impl = impl_] { impl->run(); });
+  impl_->thread = std::thread([impl = impl_] {
+    ::pthread_setname_np(::pthread_self(), "ka-transport");  // for debuggers and top
+    impl->run();
+  });
 }
 
 Transport::~Transport() {

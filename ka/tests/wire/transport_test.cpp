@@ -166,6 +166,45 @@ TEST_P(OverEachSocketKind, ManyFramesQueuedAtOnceAndEchoedFromTheHandlerKeepThei
   }
 }
 
+TEST_P(OverEachSocketKind, ConcurrentSendersKeepEachOnesOrderUntilACloseStopsThemAll) {
+  // Senders race each other, the I/O thread's flushes and, at the end, a close: each sender's
+  // frames must arrive in its order without gaps, and the close handler must run once.
+  constexpr int kSenders = 4;
+  Recorder atServer, atClient;
+  Server server(listenUrl());
+  Transport client;
+  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
+  ChannelPtr toClient = server.next();
+  ASSERT_TRUE(toClient);
+  atServer.attach(toClient);
+  atClient.attach(toServer);
+
+  std::vector<std::thread> senders;
+  for (int t = 0; t < kSenders; ++t) {
+    senders.emplace_back([&, t] {
+      const std::string body(t * 50, 's');  // unequal sizes: partial writes at odd offsets
+      for (std::uint64_t i = 0; toServer->send(makeFrame(static_cast<std::uint8_t>(t), i, body));
+           ++i) {
+      }
+    });
+  }
+  EXPECT_TRUE(atServer.waitFrames(20000));
+  toServer->close("enough");
+  for (auto& sender : senders) {
+    sender.join();
+  }
+  EXPECT_EQ(atClient.waitClose(), "enough");
+  EXPECT_EQ(atServer.waitClose(), "connection closed by peer");
+  std::vector<std::uint64_t> next(kSenders, 0);
+  for (const Frame& frame : atServer.frames()) {
+    ASSERT_LT(frame.type, kSenders);
+    ASSERT_EQ(frame.requestId, next[frame.type]) << "sender " << int(frame.type);
+    ASSERT_EQ(frame.body.size(), frame.type * 50u);
+    ++next[frame.type];
+  }
+  EXPECT_EQ(atClient.closes().size(), 1u);
+}
+
 TEST_P(OverEachSocketKind, AFrameLargerThanTheInputBufferArrivesWholeBetweenSmallOnes) {
   Recorder atServer;
   Server server(listenUrl());
@@ -214,6 +253,25 @@ TEST_P(OverEachSocketKind, ClosingRunsEachSidesCloseHandlerOnceWithAReasonAndSto
   EXPECT_EQ(atClient.closes().size(), 1u);
   EXPECT_EQ(atServer.closes().size(), 1u);
   EXPECT_TRUE(atServer.frames().empty());
+}
+
+TEST_P(OverEachSocketKind, CloseFirstSendsTheFramesQueuedBeforeIt) {
+  // More than the socket buffers hold, so that most are still queued when close() is called.
+  constexpr std::size_t kFrames = 200;
+  Recorder atServer;
+  Server server(listenUrl());
+  Transport client;
+  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
+  ChannelPtr toClient = server.next();
+  ASSERT_TRUE(toClient);
+  atServer.attach(toClient);
+  const std::string chunk(64 * 1024, 'q');
+  for (std::size_t i = 0; i < kFrames; ++i) {
+    ASSERT_TRUE(toServer->send(makeFrame(1, i, chunk)));
+  }
+  toServer->close("last words sent");
+  EXPECT_EQ(atServer.waitClose(), "connection closed by peer");
+  EXPECT_EQ(atServer.frames().size(), kFrames);
 }
 
 TEST_P(OverEachSocketKind, APeerVanishingInTheMiddleOfAFrameClosesTheChannelSayingSo) {
