@@ -78,7 +78,10 @@ class KA_API Session : public boost::enable_shared_from_this<Session> {
   // connection) and "ServiceDirectory" is that directory, whose "serviceAdded" and
   // "serviceRemoved" follow every participant. When the connection is lost, this session's
   // services there are gone and isConnected() is false; connect again to rejoin. Fails for a
-  // session that listens, or that is connected already.
+  // session that listens, or that is connected already. Announcements reach the subscribers of
+  // other participants asynchronously: registerService's guarantee about direct subscribers
+  // holds in the serving process only. Services registered before connect stay in this
+  // session's own directory.
   Future<void> connect(const std::string& url, const EndpointOptions& options = EndpointOptions());
 
   // Unregisters this session's services ("serviceRemoved" goes out for each, possibly on
