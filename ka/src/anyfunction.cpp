@@ -15,6 +15,21 @@ AnyFunction::AnyFunction(std::vector<const TypeInterface*> parameters, const Typ
     : _impl(std::make_shared<const Impl>(Impl{std::move(parameters), result, std::move(invoker)})) {
 }
 
+AnyFunction AnyFunction::fromDynamic(std::vector<const TypeInterface*> parameters,
+                                     const TypeInterface* result,
+                                     std::function<AnyValue(const AnyReferenceVector&)> f) {
+  auto types = parameters;
+  detail::Invoker invoker = [types = std::move(types), f = std::move(f)](void* const* args) {
+    AnyReferenceVector refs;
+    refs.reserve(types.size());
+    for (std::size_t i = 0; i < types.size(); ++i) {
+      refs.emplace_back(types[i], args[i]);
+    }
+    return f(refs);
+  };
+  return AnyFunction(std::move(parameters), result, std::move(invoker));
+}
+
 const std::vector<const TypeInterface*>& AnyFunction::parameterTypes() const {
   static const std::vector<const TypeInterface*> none;
   return _impl ? _impl->parameters : none;

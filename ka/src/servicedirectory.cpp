@@ -5,6 +5,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <atomic>
 #include <mutex>
 
 namespace ka {
@@ -67,6 +68,11 @@ void registerDirectoryType() {
 }
 
 }  // namespace
+
+std::uint64_t ServiceDirectory::newOwnerId() {
+  static std::atomic<std::uint64_t> next{1};
+  return next.fetch_add(1);
+}
 
 AnyObject ServiceDirectory::objectFor(std::uint64_t owner) {
   registerDirectoryType();

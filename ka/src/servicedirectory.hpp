@@ -32,6 +32,9 @@ class ServiceDirectory : public boost::enable_shared_from_this<ServiceDirectory>
  public:
   ServiceDirectory() = default;
 
+  // A fresh owner id, unique in the process (sessions and remote participants alike).
+  static std::uint64_t newOwnerId();
+
   void openOwner(std::uint64_t owner);
   // Unregisters every service of `owner` and refuses its registrations from now on.
   void closeOwner(std::uint64_t owner);

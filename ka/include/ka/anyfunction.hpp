@@ -145,6 +145,13 @@ class KA_API AnyFunction {
         [method, object](A... a) -> R { return ((*object).*method)(std::forward<A>(a)...); });
   }
 
+  // A callable whose parameter types are known only at run time (say from a remote object's
+  // description): `f` receives the arguments already converted to `parameters`, and answers a
+  // value of `result` (the void value for "v").
+  static AnyFunction fromDynamic(std::vector<const TypeInterface*> parameters,
+                                 const TypeInterface* result,
+                                 std::function<AnyValue(const AnyReferenceVector&)> f);
+
   bool isValid() const { return _impl != nullptr; }
 
   const std::vector<const TypeInterface*>& parameterTypes() const;

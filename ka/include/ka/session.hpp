@@ -10,6 +10,7 @@
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,6 +20,19 @@ namespace ka {
 struct KA_API ServiceInfo {
   std::string name;
   unsigned int serviceId = 0;
+};
+
+// How a session listens or connects over sockets.
+struct KA_API EndpointOptions {
+  // A shared secret, compared in constant time. Listening: when set, every client must present
+  // it. Connecting: presented to the server.
+  std::string token;
+  // Listening on TCP: accept a non-loopback address (a token is then required).
+  bool allowNonLoopback = false;
+  // The largest frame body accepted from or sent to a peer.
+  std::size_t maxFrameBody = std::size_t{16} << 20;
+  // Output a connection may hold for a peer that does not read; past it the connection closes.
+  std::size_t maxQueuedOutput = std::size_t{64} << 20;
 };
 
 namespace detail {
@@ -52,9 +66,28 @@ class KA_API Session : public boost::enable_shared_from_this<Session> {
   // Only the session that registered a service may unregister it.
   Future<void> unregisterService(unsigned int serviceId);
 
+  // Serves this session's directory on `url`: "unix:///path/to.sock", "tcp://host:port" (port
+  // 0 picks a free one) or "local://name" (reachable from this process only). Every session that
+  // connects there joins the directory. May be called for several urls; fails with the reason
+  // when the url cannot be listened on, or when this session joined another directory.
+  Future<void> listen(const std::string& url, const EndpointOptions& options = EndpointOptions());
+  // The urls this session listens on, as they really are (a chosen port filled in).
+  std::vector<std::string> endpoints() const;
+  // Joins the directory served at `url`: from then on service() and services() see the
+  // services registered anywhere on it, registerService publishes there (calls come over the
+  // connection) and "ServiceDirectory" is that directory, whose "serviceAdded" and
+  // "serviceRemoved" follow every participant. When the connection is lost, this session's
+  // services there are gone and isConnected() is false; connect again to rejoin. Fails for a
+  // session that listens, or that is connected already. Announcements reach the subscribers of
+  // other participants asynchronously: registerService's guarantee about direct subscribers
+  // holds in the serving process only. Services registered before connect stay in this
+  // session's own directory.
+  Future<void> connect(const std::string& url, const EndpointOptions& options = EndpointOptions());
+
   // Unregisters this session's services ("serviceRemoved" goes out for each, possibly on
   // this thread); afterwards every call fails. The destructor closes too.
   void close();
+  // False once closed, or when the connection to a joined directory is lost.
   bool isConnected() const;
 
  private:
@@ -70,7 +103,8 @@ using SessionPtr = boost::shared_ptr<Session>;
 // A session with a directory of its own.
 KA_API SessionPtr makeSession();
 // Another session on the same directory as `peer`: both see the same services, and
-// each owns what it registered.
+// each owns what it registered. That is `peer`'s own directory, not one `peer` joined with
+// connect().
 KA_API SessionPtr makeSession(const SessionPtr& peer);
 
 }  // namespace ka

@@ -1,0 +1,176 @@
+#pragma once
+// One participant's end of a connection between two participants of a directory. Both ends are
+// alike: each calls the objects the other exports (through RemoteObject handles), serves the
+// objects it exports itself, and forwards the signals the other subscribed to. The end that
+// serves a directory also answers lookups by name.
+//
+// Threads: frames arrive on the channel's transport thread, which only decodes and queues; user
+// code (methods, subscribers, continuations of call futures) runs on the ka event loop.
+
+#include <ka/eventloop.hpp>
+#include <ka/future.hpp>
+#include <ka/object.hpp>
+#include <ka/strand.hpp>
+
+#include "wire/channel.hpp"
+#include "wire/messages.hpp"
+#include "wire/value_codec.hpp"
+
+#include <boost/weak_ptr.hpp>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace ka {
+namespace wire {
+
+class RemoteObject;
+
+// What the serving side of a directory offers one connected participant.
+struct ServedDirectory {
+  // The directory as that participant sees it; exported as kDirectoryObjectId.
+  AnyObject object;
+  // The object registered under a name, or a null object. Must not block or run user code: it
+  // is called on the transport thread.
+  std::function<AnyObject(const std::string& name)> lookup;
+};
+
+class Connection : public std::enable_shared_from_this<Connection>, private ObjectCodec {
+ public:
+  using ClosedHandler = std::function<void(const std::string& reason)>;
+
+  // `served`: the directory this end serves, if any.
+  static std::shared_ptr<Connection> create(ChannelPtr channel,
+                                            std::optional<ServedDirectory> served = {});
+  ~Connection() override;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Starts receiving. `onClosed` runs once on the event loop when the connection ends, for any
+  // reason, after every call waiting on it has failed.
+  void start(ClosedHandler onClosed = {});
+  // Ends the connection now: pending calls fail at once, the peer's subscriptions are dropped
+  // and its handles on exported objects released. Idempotent.
+  void close(const std::string& reason);
+  bool isOpen() const;
+  // Who is on the other end ("unix:///run/x.sock"), for messages.
+  const std::string& peer() const { return _peer; }
+
+  // The object the peer serves under `name` ("ServiceDirectory" gives its directory). Fails
+  // with the peer's text ("Cannot find service ...") or when the connection is lost.
+  Future<AnyObject> lookup(const std::string& name);
+
+  // For RemoteObject. Calls `method` of the peer's object `object`; the result is converted to
+  // the method's advertised type ("Return argument conversion error: " when it does not fit).
+  Future<AnyValue> call(std::uint32_t object, const MetaMethod& method,
+                        const AnyReferenceVector& args);
+  // Asks the peer to forward signal `signal` of `object` as subscription `subscription`
+  // (from newSubscriptionId); events of it reach `target` until unsubscribe.
+  Future<void> subscribe(std::uint32_t object, std::uint32_t signal, std::uint64_t subscription,
+                         const boost::weak_ptr<RemoteObject>& target);
+  Future<void> unsubscribe(std::uint64_t subscription);
+  std::uint64_t newSubscriptionId();
+  // `object` (a handle this end received `received` times) is no longer used here. Only
+  // forgets it when `self` is still the import of record for that id.
+  void release(std::uint32_t object, std::uint64_t received, const RemoteObject* self);
+
+  // How many objects this end exports / imports now (tests check that handles are released).
+  std::size_t exportCount() const;
+  std::size_t importCount() const;
+
+ private:
+  struct Key {};
+
+ public:
+  Connection(Key, ChannelPtr channel, std::optional<ServedDirectory> served);
+
+ private:
+  struct Pending {
+    Promise<AnyValue> promise;
+    // The type the answer must convert to; null to take it as it comes.
+    const TypeInterface* expected = nullptr;
+  };
+  struct Export {
+    AnyObject object;
+    // How many times its id was sent and not released yet.
+    std::uint64_t sent = 0;
+  };
+  struct Import {
+    boost::weak_ptr<RemoteObject> object;
+    const RemoteObject* raw = nullptr;  // tells a replaced import from the live one
+  };
+  // A subscription the peer made to an exported object.
+  struct Served {
+    AnyObject object;
+    SignalLink link = SignalLink_Invalid;  // invalid while the connection is being made
+  };
+  // A subscription made through this end to the peer's object.
+  struct Subscribed {
+    boost::weak_ptr<RemoteObject> target;
+    std::uint32_t object = 0;
+    std::uint32_t signal = 0;
+  };
+
+  // ObjectCodec: object handles inside values.
+  void pack(Packer& pk, const boost::shared_ptr<GenericObject>& object) override;
+  boost::shared_ptr<GenericObject> unpack(const msgpack::object& o) override;
+
+  void onFrame(Frame frame);
+  void onCall(const Frame& frame);
+  void onAnswer(const Frame& frame);
+  void onConnect(const Frame& frame);
+  void onDisconnect(const Frame& frame);
+  void onEvent(const Frame& frame);
+  void onLookup(const Frame& frame);
+  void onRelease(const Frame& frame);
+
+  // Run on _control, in arrival order.
+  void serveConnect(std::uint64_t requestId, const ConnectMessage& message);
+  void serveDisconnect(std::uint64_t requestId, std::uint64_t subscription);
+  // Sends one emission of a signal the peer subscribed to.
+  void forward(const ConnectMessage& subscription, const AnyReferenceVector& args);
+
+  // Sends a request and gives the future of its answer.
+  Future<AnyValue> request(std::uint64_t requestId, Frame frame, const TypeInterface* expected);
+  std::uint64_t newRequestId();
+  void reply(std::uint64_t requestId, const Future<AnyValue>& result);
+  void replyError(std::uint64_t requestId, const std::string& text);
+  void replyVoid(std::uint64_t requestId);
+  // The failure text of calls cut short by the end of the connection.
+  std::string lost(const std::string& reason) const;
+  // False when the channel refused the frame; see the definition.
+  bool send(Frame frame);
+  void shutdown(const std::string& reason);
+  AnyObject exported(std::uint32_t id) const;
+  std::uint32_t exportObject(const boost::shared_ptr<GenericObject>& object);
+
+  const ChannelPtr _channel;
+  const std::optional<ServedDirectory> _served;
+  const std::string _peer;
+  // Serialises subscription changes the peer asks for, and event deliveries to this end's
+  // subscribers, each in arrival order, on the event loop.
+  const Strand _control;
+  const Strand _events;
+
+  mutable std::mutex _mutex;
+  // All guarded by _mutex:
+  bool _closed = false;
+  std::string _closeReason;
+  ClosedHandler _onClosed;
+  std::uint64_t _nextRequestId = 1;
+  std::uint64_t _nextSubscriptionId = 1;
+  std::uint32_t _nextExportId = kDirectoryObjectId + 1;
+  std::map<std::uint64_t, Pending> _pending;
+  std::map<std::uint32_t, Export> _exports;
+  std::map<const GenericObject*, std::uint32_t> _exportIds;
+  std::map<std::uint32_t, Import> _imports;
+  std::map<std::uint64_t, Served> _servedSubscriptions;
+  std::map<std::uint64_t, Subscribed> _subscriptions;
+};
+
+}  // namespace wire
+}  // namespace ka

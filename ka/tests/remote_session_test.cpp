@@ -1,0 +1,580 @@
+// Sessions that share a directory over connections: two or three sessions of this process,
+// joined through "local://" endpoints, exercise the same message layer as sockets do.
+
+#include <ka/dynamicobjectbuilder.hpp>
+#include <ka/objecttypebuilder.hpp>
+#include <ka/session.hpp>
+
+#include <gtest/gtest.h>
+#include <boost/make_shared.hpp>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kWaitMs = 10000;
+
+std::string uniqueUrl() {
+  static std::atomic<int> next{0};
+  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  return std::string("local://") + test->test_suite_name() + "." + test->name() + "." +
+         std::to_string(next++);
+}
+
+// A condition to wait on with a time limit, for whatever subscribers see.
+template <typename T>
+struct Recorder {
+  std::mutex m;
+  std::condition_variable cv;
+  std::vector<T> seen;
+
+  void add(T value) {
+    std::lock_guard<std::mutex> lock(m);
+    seen.push_back(std::move(value));
+    cv.notify_all();
+  }
+  // Everything seen once `pred(seen)` holds, or when time runs out.
+  template <typename P>
+  std::vector<T> waitUntil(P pred) {
+    std::unique_lock<std::mutex> lock(m);
+    cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return pred(seen); });
+    return seen;
+  }
+  std::vector<T> waitFor(std::size_t n) {
+    return waitUntil([n](const std::vector<T>& s) { return s.size() >= n; });
+  }
+  std::vector<T> now() {
+    std::lock_guard<std::mutex> lock(m);
+    return seen;
+  }
+};
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// A served object with overloads, typed values and a signal whose subscribers the test sees.
+class Calculator {
+ public:
+  int add(int a, int b) const { return a + b; }
+  std::string addText(const std::string& a, const std::string& b) const { return a + b; }
+  std::int64_t addLong(std::int64_t a) const { return a + 1; }
+  ka::AnyValue echo(const ka::AnyValue& v) const { return v; }
+  ka::AnyValue nothing() const { return ka::AnyValue(); }
+  void touch() const {}
+  std::map<std::string, std::vector<int>> table() const { return {{"a", {1, 2}}, {"b", {}}}; }
+  int fail() const { throw std::runtime_error("the calculator failed"); }
+
+  // Declared first: the signal's hook may run while the signal is destroyed.
+  Recorder<bool> subscribed;
+  ka::Signal<int> ticked{[this](bool has) { subscribed.add(has); }};
+};
+
+void registerCalculator() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    ka::ObjectTypeBuilder<Calculator> b;
+    b.buildFor(true);
+    b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+    b.advertiseMethod("add", &Calculator::add);
+    b.advertiseMethod("add", &Calculator::addText);
+    b.advertiseMethod("add", &Calculator::addLong);
+    b.advertiseMethod("echo", &Calculator::echo);
+    b.advertiseMethod("nothing", &Calculator::nothing);
+    b.advertiseMethod("touch", &Calculator::touch);
+    b.advertiseMethod("table", &Calculator::table);
+    b.advertiseMethod("fail", &Calculator::fail);
+    b.advertiseSignal("ticked", &Calculator::ticked);
+    b.registerType();
+  });
+}
+
+// A server session listening on a fresh url and a client session joined to it.
+struct Pair {
+  Pair() {
+    registerCalculator();
+    server->listen(url).value(kWaitMs);
+    client->connect(url).value(kWaitMs);
+  }
+  ~Pair() {
+    client->close();
+    server->close();
+  }
+
+  std::string url = uniqueUrl();
+  ka::SessionPtr server = ka::makeSession();
+  ka::SessionPtr client = ka::makeSession();
+};
+
+// Registers a Calculator on the server and looks it up from the client.
+struct CalculatorPair : Pair {
+  CalculatorPair() {
+    server->registerService("Calculator", ka::AnyObject(calculator)).value(kWaitMs);
+    remote = client->service("Calculator").value(kWaitMs);
+  }
+  boost::shared_ptr<Calculator> calculator = boost::make_shared<Calculator>();
+  ka::AnyObject remote;
+};
+
+TEST(RemoteCall, ResolvesOverloadsByNameAsALocalCallWould) {
+  CalculatorPair p;
+  EXPECT_EQ(p.remote->call<int>("add", 2, 3), 5);
+  EXPECT_EQ(p.remote->call<std::string>("add", "a", "b"), "ab");
+  EXPECT_EQ(p.remote->call<std::int64_t>("add", std::int64_t(5000000000)), 5000000001);
+  EXPECT_EQ(p.remote->async<int>("add", 20, 22).value(kWaitMs), 42);
+}
+
+TEST(RemoteCall, SeesTheFullDescriptionOfTheRemoteObject) {
+  CalculatorPair p;
+  const ka::MetaObject& local = ka::AnyObject(p.calculator)->metaObject();
+  const ka::MetaObject& remote = p.remote->metaObject();
+  ASSERT_EQ(remote.methods().size(), local.methods().size());
+  for (const auto& m : local.methods()) {
+    const ka::MetaMethod* r = remote.method(m.uid);
+    ASSERT_NE(r, nullptr) << m.toString();
+    EXPECT_EQ(r->toString(), m.toString());
+  }
+  const ka::MetaSignal* ticked = remote.signal("ticked");
+  ASSERT_NE(ticked, nullptr);
+  EXPECT_EQ(ticked->signature().toString(), "(i)");
+}
+
+TEST(RemoteCall, ValuesKeepTheirSignatures) {
+  CalculatorPair p;
+  auto echoed = [&](const ka::AnyValue& v) {
+    return p.remote->metaCall("echo", {v.asReference()}).value(kWaitMs);
+  };
+  EXPECT_EQ(echoed(ka::AnyValue(std::int32_t(7))).signature(true).toString(), "i");
+  EXPECT_EQ(echoed(ka::AnyValue(std::int64_t(7))).signature(true).toString(), "l");
+  const std::map<std::string, std::vector<std::int64_t>> nested{{"k", {1, 2, 3}}};
+  const ka::AnyValue back = echoed(ka::AnyValue(nested));
+  EXPECT_EQ(back.signature(true).toString(), "{s[l]}");
+  EXPECT_EQ((back.to<std::map<std::string, std::vector<std::int64_t>>>()), nested);
+  const std::vector<ka::AnyValue> dynamics{ka::AnyValue(1.5), ka::AnyValue(std::string("x"))};
+  EXPECT_EQ(echoed(ka::AnyValue(dynamics)).signature(true).toString(), "[m]");
+
+  // A typed map comes back as the C++ type the caller asks for.
+  EXPECT_EQ((p.remote->call<std::map<std::string, std::vector<int>>>("table")),
+            p.calculator->table());
+}
+
+TEST(RemoteCall, KeepsTheVoidValueAndTheEmptyValueApart) {
+  CalculatorPair p;
+  const ka::AnyValue voidResult = p.remote->metaCall("touch", {}).value(kWaitMs);
+  ASSERT_TRUE(voidResult.isValid());
+  EXPECT_EQ(voidResult.kind(), ka::TypeKind::Void);
+
+  const ka::AnyValue empty = p.remote->metaCall("nothing", {}).value(kWaitMs);
+  ASSERT_TRUE(empty.isValid());             // a dynamic value...
+  EXPECT_FALSE(empty.content().isValid());  // ...holding nothing
+
+  const ka::AnyValue voidInside = p.remote->call<ka::AnyValue>("echo", ka::AnyValue::makeVoid());
+  ASSERT_TRUE(voidInside.isValid());
+  EXPECT_EQ(voidInside.kind(), ka::TypeKind::Void);
+}
+
+TEST(RemoteCallErrors, ComeBackAsErrorsWhileTheServerKeepsServing) {
+  CalculatorPair p;
+  try {
+    p.remote->call<int>("fail");
+    ADD_FAILURE() << "a failing method must fail the call";
+  } catch (const ka::FutureError& e) {
+    EXPECT_EQ(std::string(e.what()), "the calculator failed");
+  }
+  // One candidate of the right arity: the server converts, and says why it cannot.
+  const auto wrong = p.remote->metaCall("echo", {});
+  EXPECT_TRUE(wrong.hasError(kWaitMs));
+  EXPECT_TRUE(contains(p.remote->async<int>("add", 1.5, 2).error(kWaitMs), "add"));
+  EXPECT_TRUE(contains(p.remote->async<int>("nope").error(kWaitMs), "\"nope\" not found"));
+  // A result that does not fit what the caller asks for.
+  EXPECT_TRUE(contains(p.remote->async<std::string>("add", 1, 2).error(kWaitMs),
+                       "Unable to convert call result to target type"));
+  EXPECT_EQ(p.client->service("Nope").error(kWaitMs), "Cannot find service \"Nope\"");
+
+  EXPECT_EQ(p.remote->call<int>("add", 1, 2), 3);
+}
+
+TEST(RemoteSignal, EventsTravelOnlyWhileSubscribed) {
+  CalculatorPair p;
+  Recorder<int> events;
+  const ka::SignalLink link =
+      p.remote->connect("ticked", [&](int v) { events.add(v); }).value(kWaitMs);
+  EXPECT_EQ(p.calculator->subscribed.waitFor(1), std::vector<bool>{true});
+  for (int i = 0; i < 5; ++i) {
+    p.calculator->ticked(i);
+  }
+  EXPECT_EQ(events.waitFor(5), (std::vector<int>{0, 1, 2, 3, 4}));
+
+  p.remote->disconnect(link).value(kWaitMs);
+  // The server stopped forwarding: its signal lost its only subscriber.
+  EXPECT_EQ(p.calculator->subscribed.now(), (std::vector<bool>{true, false}));
+  p.calculator->ticked(99);
+  // A later subscription sees later events only, never the one emitted in between.
+  Recorder<int> again;
+  const ka::SignalLink second =
+      p.remote->connect("ticked", [&](int v) { again.add(v); }).value(kWaitMs);
+  p.calculator->ticked(100);
+  EXPECT_EQ(again.waitFor(1), std::vector<int>{100});
+  EXPECT_EQ(events.now().size(), 5u);
+  p.remote->disconnect(second).value(kWaitMs);
+}
+
+TEST(RemoteSignal, SeveralLocalSubscribersShareOneSubscriptionAtThePeer) {
+  CalculatorPair p;
+  Recorder<int> a;
+  Recorder<int> b;
+  const auto la = p.remote->connect("ticked", [&](int v) { a.add(v); }).value(kWaitMs);
+  const auto lb = p.remote->connect("ticked", [&](int v) { b.add(v); }).value(kWaitMs);
+  p.calculator->ticked(1);
+  EXPECT_EQ(a.waitFor(1), std::vector<int>{1});
+  EXPECT_EQ(b.waitFor(1), std::vector<int>{1});
+  p.remote->disconnect(la).value(kWaitMs);
+  EXPECT_EQ(p.calculator->subscribed.now(), std::vector<bool>{true});  // b still listens
+  p.calculator->ticked(2);
+  EXPECT_EQ(b.waitFor(2), (std::vector<int>{1, 2}));
+  p.remote->disconnect(lb).value(kWaitMs);
+  EXPECT_EQ(p.calculator->subscribed.now(), (std::vector<bool>{true, false}));
+  EXPECT_EQ(a.now(), std::vector<int>{1});
+}
+
+TEST(RemoteSignal, APeerCannotEmitTheSignalsOfAnObjectItDoesNotOwn) {
+  CalculatorPair p;
+  Recorder<int> local;
+  [[maybe_unused]] auto link = p.calculator->ticked.connect([&](int v) { local.add(v); });
+  EXPECT_THROW(p.remote->post("ticked", 5), std::runtime_error);
+  p.calculator->ticked(1);
+  EXPECT_EQ(local.waitFor(1), std::vector<int>{1});
+}
+
+TEST(RemoteSignal, SubscriptionsAreDroppedWithTheConnection) {
+  CalculatorPair p;
+  const auto link = p.remote->connect("ticked", [](int) {}).value(kWaitMs);
+  (void)link;
+  EXPECT_EQ(p.calculator->subscribed.waitFor(1), std::vector<bool>{true});
+  p.client->close();
+  EXPECT_EQ(p.calculator->subscribed.waitFor(2), (std::vector<bool>{true, false}));
+}
+
+// Records "+<name>" and "-<name>" as a session's "ServiceDirectory" announces them.
+void watchDirectory(const ka::SessionPtr& session, Recorder<std::string>& events) {
+  ka::AnyObject directory = session->service("ServiceDirectory").value(kWaitMs);
+  directory->connect("serviceAdded", [&events](int, const std::string& n) { events.add("+" + n); })
+      .value(kWaitMs);
+  directory
+      ->connect("serviceRemoved", [&events](int, const std::string& n) { events.add("-" + n); })
+      .value(kWaitMs);
+}
+
+ka::AnyObject echoObject(const std::string& prefix) {
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("echo", [prefix](const std::string& s) { return prefix + s; });
+  return b.object();
+}
+
+TEST(RemoteDirectory, ServicesRegisteredByAnyParticipantAreSeenByAll) {
+  Pair p;
+  auto third = ka::makeSession();
+  third->connect(p.url).value(kWaitMs);
+  Recorder<std::string> atServer, atClient, atThird;
+  watchDirectory(p.server, atServer);
+  watchDirectory(p.client, atClient);
+  watchDirectory(third, atThird);
+
+  const unsigned id = p.client->registerService("Echo", echoObject("client:")).value(kWaitMs);
+  for (auto* events : {&atServer, &atClient, &atThird}) {
+    EXPECT_EQ(events->waitFor(1), std::vector<std::string>{"+Echo"});
+  }
+  // The third participant calls the client's object, through the server.
+  ka::AnyObject echo = third->service("Echo").value(kWaitMs);
+  EXPECT_EQ(echo->call<std::string>("echo", "hi"), "client:hi");
+  EXPECT_EQ(p.server->service("Echo").value(kWaitMs)->call<std::string>("echo", "x"), "client:x");
+
+  bool listed = false;
+  for (const auto& info : third->services().value(kWaitMs)) {
+    listed = listed || (info.name == "Echo" && info.serviceId == id);
+  }
+  EXPECT_TRUE(listed);
+  EXPECT_FALSE(third->registerService("Echo", echoObject("again")).hasValue(kWaitMs));
+  // Only the owner unregisters.
+  EXPECT_TRUE(third->unregisterService(id).hasError(kWaitMs));
+  p.client->unregisterService(id).value(kWaitMs);
+  for (auto* events : {&atServer, &atClient, &atThird}) {
+    EXPECT_EQ(events->waitFor(2), (std::vector<std::string>{"+Echo", "-Echo"}));
+  }
+  third->close();
+}
+
+TEST(RemoteDirectory, AParticipantThatGoesTakesItsServicesAndFailsCallsWaitingOnIt) {
+  Pair p;
+  auto third = ka::makeSession();
+  third->connect(p.url).value(kWaitMs);
+  Recorder<std::string> atThird;
+  watchDirectory(third, atThird);
+
+  // A method that answers only when the test says so.
+  auto answer = std::make_shared<ka::Promise<int>>();
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  auto entered = std::make_shared<Recorder<int>>();
+  b.advertiseMethod("wait", [answer, entered] {
+    entered->add(1);
+    return answer->future();
+  });
+  p.client->registerService("Waiter", b.object()).value(kWaitMs);
+  ka::AnyObject relayed = third->service("Waiter").value(kWaitMs);
+  ka::AnyObject direct = p.server->service("Waiter").value(kWaitMs);
+  const auto viaServer = relayed->async<int>("wait");
+  const auto fromServer = direct->async<int>("wait");
+  ASSERT_EQ(entered->waitFor(2).size(), 2u);  // both calls wait in the client
+
+  p.client->close();
+  EXPECT_TRUE(contains(fromServer.error(kWaitMs), "Connection lost to"));
+  EXPECT_TRUE(contains(viaServer.error(kWaitMs), "Connection lost to"));
+  EXPECT_EQ(atThird.waitFor(2), (std::vector<std::string>{"+Waiter", "-Waiter"}));
+  EXPECT_EQ(third->service("Waiter").error(kWaitMs), "Cannot find service \"Waiter\"");
+  // Handles on the object that went fail at once.
+  EXPECT_EQ(direct->async<int>("wait").error(kWaitMs), "Invalid GenericObject");
+  EXPECT_EQ(relayed->async<int>("wait").error(kWaitMs), "Invalid GenericObject");
+  answer->setValue(1);
+  third->close();
+}
+
+TEST(RemoteDirectory, AClientReconnectsAndLooksServicesUpAgain) {
+  const std::string url = uniqueUrl();
+  auto client = ka::makeSession();
+  auto never = std::make_shared<ka::Promise<int>>();
+  ka::Future<int> cut;
+  {
+    auto server = ka::makeSession();
+    server->listen(url).value(kWaitMs);
+    ka::DynamicObjectBuilder b;
+    b.advertiseMethod("never", [never] { return never->future(); });
+    server->registerService("Never", b.object()).value(kWaitMs);
+    server->registerService("Echo", echoObject("1:")).value(kWaitMs);
+    client->connect(url).value(kWaitMs);
+    EXPECT_EQ(client->service("Echo").value(kWaitMs)->call<std::string>("echo", "a"), "1:a");
+    EXPECT_TRUE(client->connect(url).hasError(kWaitMs));  // already connected
+    cut = client->service("Never").value(kWaitMs)->async<int>("never");
+    server->close();
+  }
+  // The call that was waiting ends with the connection.
+  EXPECT_TRUE(contains(cut.error(kWaitMs), "Connection lost to"));
+  EXPECT_FALSE(client->isConnected());
+  EXPECT_TRUE(client->service("Echo").hasError(kWaitMs));
+
+  auto server = ka::makeSession();
+  server->listen(url).value(kWaitMs);
+  server->registerService("Echo", echoObject("2:")).value(kWaitMs);
+  client->connect(url).value(kWaitMs);
+  EXPECT_TRUE(client->isConnected());
+  EXPECT_EQ(client->service("Echo").value(kWaitMs)->call<std::string>("echo", "b"), "2:b");
+  client->close();
+  server->close();
+  never->setValue(0);
+}
+
+TEST(RemoteDirectory, ListenAndConnectRefuseWhatTheyCannotDo) {
+  Pair p;
+  EXPECT_TRUE(p.server->connect(p.url).hasError(kWaitMs));       // it serves its own directory
+  EXPECT_TRUE(p.client->listen(uniqueUrl()).hasError(kWaitMs));  // it joined another
+  auto other = ka::makeSession();
+  EXPECT_TRUE(other->listen(p.url).hasError(kWaitMs));         // taken
+  EXPECT_TRUE(other->connect(uniqueUrl()).hasError(kWaitMs));  // nobody there
+  EXPECT_TRUE(other->listen("bogus://x").hasError(kWaitMs));
+  EXPECT_EQ(p.server->endpoints(), std::vector<std::string>{p.url});
+}
+
+// Ping on the server calls Pong on the client, which calls Ping back before answering: each
+// call blocks a thread of the event loop on a remote reply, and none may stall the transport.
+TEST(RemoteReentrancy, AMethodBlockedOnARemoteReplyDoesNotStallTheTransport) {
+  Pair p;
+  ka::SessionPtr server = p.server;
+  ka::SessionPtr client = p.client;
+  ka::DynamicObjectBuilder ping;
+  ping.setThreadingModel(ka::ObjectThreadingModel::SingleThread);
+  ping.advertiseMethod("value", [] { return 40; });
+  ping.advertiseMethod(
+      "ping", [server] { return server->service("Pong").value(kWaitMs)->call<int>("pong") + 1; });
+  ka::DynamicObjectBuilder pong;
+  pong.advertiseMethod(
+      "pong", [client] { return client->service("Ping").value(kWaitMs)->call<int>("value") + 1; });
+  p.server->registerService("Ping", ping.object()).value(kWaitMs);
+  p.client->registerService("Pong", pong.object()).value(kWaitMs);
+  ka::AnyObject remotePing = p.client->service("Ping").value(kWaitMs);
+  EXPECT_EQ(remotePing->async<int>("ping").value(kWaitMs), 42);
+}
+
+}  // namespace
+
+namespace {
+
+std::string socketUrl(const std::string& kind) {
+  static std::atomic<int> next{0};
+  if (kind == "unix") {
+    return "unix:///tmp/ka-remote-test-" + std::to_string(::getpid()) + "-" +
+           std::to_string(next++) + ".sock";
+  }
+  return "tcp://127.0.0.1:0";
+}
+
+class SocketSession : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(SocketSession, CarriesCallsSignalsAndTheLossOfAParticipant) {
+  registerCalculator();
+  auto server = ka::makeSession();
+  server->listen(socketUrl(GetParam())).value(kWaitMs);
+  ASSERT_EQ(server->endpoints().size(), 1u);
+  const std::string url = server->endpoints().front();
+  EXPECT_EQ(url.find(":0"), std::string::npos) << url;  // a chosen port is reported
+  auto calculator = boost::make_shared<Calculator>();
+  server->registerService("Calculator", ka::AnyObject(calculator)).value(kWaitMs);
+  Recorder<std::string> atServer;
+  watchDirectory(server, atServer);
+
+  auto client = ka::makeSession();
+  client->connect(url).value(kWaitMs);
+  ka::AnyObject remote = client->service("Calculator").value(kWaitMs);
+  EXPECT_EQ(remote->call<int>("add", 2, 3), 5);
+  Recorder<int> events;
+  const auto link = remote->connect("ticked", [&](int v) { events.add(v); }).value(kWaitMs);
+  calculator->ticked(7);
+  EXPECT_EQ(events.waitFor(1), std::vector<int>{7});
+  remote->disconnect(link).value(kWaitMs);
+
+  client->registerService("Echo", echoObject("c:")).value(kWaitMs);
+  EXPECT_EQ(server->service("Echo").value(kWaitMs)->call<std::string>("echo", "x"), "c:x");
+  client->close();
+  EXPECT_EQ(atServer.waitFor(2), (std::vector<std::string>{"+Echo", "-Echo"}));
+  server->close();
+}
+
+INSTANTIATE_TEST_SUITE_P(UnixAndTcp, SocketSession, ::testing::Values("unix", "tcp"));
+
+TEST(SocketSessionSecurity, AServerWithATokenRefusesClientsWithoutIt) {
+  auto server = ka::makeSession();
+  ka::EndpointOptions options;
+  options.token = "s3cret";
+  server->listen("tcp://127.0.0.1:0", options).value(kWaitMs);
+  server->registerService("Echo", echoObject("")).value(kWaitMs);
+  const std::string url = server->endpoints().front();
+
+  auto stranger = ka::makeSession();
+  EXPECT_TRUE(stranger->connect(url).hasError(kWaitMs));
+  ka::EndpointOptions wrong;
+  wrong.token = "guess";
+  EXPECT_TRUE(stranger->connect(url, wrong).hasError(kWaitMs));
+  auto friendly = ka::makeSession();
+  friendly->connect(url, options).value(kWaitMs);
+  EXPECT_EQ(friendly->service("Echo").value(kWaitMs)->call<std::string>("echo", "in"), "in");
+  friendly->close();
+  server->close();
+}
+
+TEST(SocketSessionSecurity, AMessageOverTheFrameLimitFailsItsCallButNotTheConnection) {
+  ka::EndpointOptions small;
+  small.maxFrameBody = 1024;
+  auto server = ka::makeSession();
+  server->listen("tcp://127.0.0.1:0", small).value(kWaitMs);
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("echo", [](const std::string& s) { return s; });
+  b.advertiseMethod("grow", [](int n) { return std::string(static_cast<std::size_t>(n), 'y'); });
+  server->registerService("Echo", b.object()).value(kWaitMs);
+  auto client = ka::makeSession();
+  client->connect(server->endpoints().front(), small).value(kWaitMs);
+  ka::AnyObject echo = client->service("Echo").value(kWaitMs);
+
+  EXPECT_TRUE(contains(echo->async<std::string>("echo", std::string(4096, 'x')).error(kWaitMs),
+                       "frame limit"));
+  EXPECT_TRUE(
+      contains(echo->async<std::string>("grow", 4096).error(kWaitMs), "Cannot send the result"));
+  EXPECT_EQ(echo->call<std::string>("echo", "small"), "small");
+  EXPECT_TRUE(client->isConnected());
+  client->close();
+  server->close();
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// A participant in another process: this program started again, running only the child test.
+
+namespace {
+
+constexpr const char kChildUrlVariable[] = "KA_REMOTE_TEST_CHILD_URL";
+
+TEST(RemoteProcessChild, ServesUntilKilled) {
+  const char* url = std::getenv(kChildUrlVariable);
+  if (url == nullptr) {
+    GTEST_SKIP() << "runs only as the other process of RemoteProcess tests";
+  }
+  auto session = ka::makeSession();
+  session->connect(url).value(kWaitMs);
+  auto never = std::make_shared<ka::Promise<int>>();
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("pid", [] { return static_cast<int>(::getpid()); });
+  b.advertiseMethod("wait", [never] { return never->future(); });
+  session->registerService("Child", b.object()).value(kWaitMs);
+  // The parent kills this process; the limit only keeps an orphan from lingering.
+  (void)never->future().wait(60000);
+}
+
+TEST(RemoteProcess, ItsServicesGoAndItsWaitingCallsFailWhenItIsKilled) {
+  auto server = ka::makeSession();
+  server->listen(socketUrl("unix")).value(kWaitMs);
+  Recorder<std::string> events;
+  watchDirectory(server, events);
+
+  std::vector<std::string> environment;
+  for (char** e = environ; *e != nullptr; ++e) {
+    environment.emplace_back(*e);
+  }
+  environment.push_back(std::string(kChildUrlVariable) + "=" + server->endpoints().at(0));
+  std::vector<char*> envp;
+  for (auto& entry : environment) {
+    envp.push_back(entry.data());
+  }
+  envp.push_back(nullptr);
+  std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  std::string filter = "--gtest_filter=RemoteProcessChild.ServesUntilKilled";
+  char* argv[] = {self.data(), filter.data(), nullptr};
+  pid_t child = 0;
+  ASSERT_EQ(::posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+  struct Reaper {
+    pid_t pid;
+    ~Reaper() {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
+  } reaper{child};
+
+  ASSERT_EQ(events.waitFor(1), std::vector<std::string>{"+Child"});
+  ka::AnyObject remote = server->service("Child").value(kWaitMs);
+  EXPECT_EQ(remote->call<int>("pid"), child);
+  const auto waiting = remote->async<int>("wait");
+
+  ::kill(child, SIGKILL);
+  EXPECT_TRUE(contains(waiting.error(kWaitMs), "Connection lost to"));
+  EXPECT_EQ(events.waitFor(2), (std::vector<std::string>{"+Child", "-Child"}));
+  EXPECT_EQ(remote->async<int>("pid").error(kWaitMs), "Invalid GenericObject");
+  EXPECT_TRUE(server->service("Child").hasError(kWaitMs));
+  server->close();
+}
+
+}  // namespace

@@ -1,0 +1,692 @@
+// The socket transport end to end, over Unix and TCP sockets: frames, limits, the handshake,
+// socket files, closing, and a peer in another process.
+
+#include "socket_test_util.hpp"
+
+#include <ka/log.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+using namespace ka::wire;
+using namespace ka::wire::test;
+using testing::AnyOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// The largest single allocation since the last reset, to show that a declared length does not
+// size one. Replaces the global allocator of this test program only.
+namespace {
+std::atomic<std::size_t> gLargestAllocation{0};
+}  // namespace
+
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void* operator new(std::size_t size) {
+  std::size_t largest = gLargestAllocation.load(std::memory_order_relaxed);
+  while (size > largest &&
+         !gLargestAllocation.compare_exchange_weak(largest, size, std::memory_order_relaxed)) {
+  }
+  if (void* p = std::malloc(size == 0 ? 1 : size)) {
+    return p;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
+
+namespace {
+
+// Collects the messages of the transport's log category.
+class LogCapture {
+ public:
+  LogCapture()
+      : handler_([this](const ka::log::Message& message) {
+          if (message.category == "ka.transport") {
+            std::lock_guard<std::mutex> lock(mutex_);
+            text_ += message.message + "\n";
+            changed_.notify_all();
+          }
+        }) {}
+  bool waitFor(const std::string& needle) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, kWait, [&] { return text_.find(needle) != std::string::npos; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::string text_;  // guarded by mutex_
+  ka::log::ScopedHandler handler_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Behaviour that must not depend on the kind of socket.
+
+enum class Kind { Unix, Tcp };
+
+class OverEachSocketKind : public testing::TestWithParam<Kind> {
+ protected:
+  std::string listenUrl() const {
+    return GetParam() == Kind::Unix ? "unix://" + dir_.file("s.sock") : "tcp://127.0.0.1:0";
+  }
+
+ private:
+  TempDir dir_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Sockets, OverEachSocketKind, testing::Values(Kind::Unix, Kind::Tcp),
+                         [](const auto& info) {
+                           return std::string(info.param == Kind::Unix ? "Unix" : "Tcp");
+                         });
+
+TEST_P(OverEachSocketKind, FramesArriveWholeAndInOrderInBothDirections) {
+  Recorder atServer, atClient;
+  Server server(listenUrl());
+  Transport client;
+  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
+  ChannelPtr toClient = server.next();
+  ASSERT_TRUE(toClient);
+  atServer.attach(toClient);
+  atClient.attach(toServer);
+
+  ASSERT_TRUE(toServer->send(makeFrame(1, 10, "first")));
+  ASSERT_TRUE(toServer->send(makeFrame(2, 0, "")));
+  ASSERT_TRUE(toServer->send(makeFrame(0xEF, ~0ull, std::string(1000, 'x'))));
+  ASSERT_TRUE(toClient->send(makeFrame(3, 42, "back")));
+
+  ASSERT_TRUE(atServer.waitFrames(3));
+  const auto frames = atServer.frames();
+  EXPECT_EQ(frames[0].type, 1);
+  EXPECT_EQ(frames[0].requestId, 10u);
+  EXPECT_EQ(std::string(frames[0].body.begin(), frames[0].body.end()), "first");
+  EXPECT_EQ(frames[1].type, 2);
+  EXPECT_TRUE(frames[1].body.empty());
+  EXPECT_EQ(frames[2].type, 0xEF);
+  EXPECT_EQ(frames[2].requestId, ~0ull);
+  EXPECT_EQ(frames[2].body.size(), 1000u);
+  ASSERT_TRUE(atClient.waitFrames(1));
+  EXPECT_EQ(atClient.frames()[0].requestId, 42u);
+  EXPECT_THAT(toServer->peerDescription(),
+              StartsWith(GetParam() == Kind::Unix ? "unix://" : "tcp://"));
+}
+
+TEST_P(OverEachSocketKind, ManyFramesQueuedAtOnceAndEchoedFromTheHandlerKeepTheirOrder) {
+  // Enough to fill the socket buffers, so that most frames wait in the queue and go out in
+  // batched writes, on both sides (the echo sends from the I/O thread).
+  constexpr std::uint64_t kFrames = 20000;
+  Recorder atClient;
+  Server server(listenUrl());
+  Transport client;
+  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
+  ChannelPtr toClient = server.next();
+  ASSERT_TRUE(toClient);
+  std::weak_ptr<Channel> weak = toClient;
+  toClient->start(
+      [weak](Frame frame) {
+        if (auto channel = weak.lock()) {
+          channel->send(std::move(frame));
+        }
+      },
+      [](const std::string&) {});
+  atClient.attach(toServer);
+
+  const std::string body(100, 'b');
+  for (std::uint64_t i = 0; i < kFrames; ++i) {
+    ASSERT_TRUE(toServer->send(makeFrame(static_cast<std::uint8_t>(i % 200), i, body)));
+  }
+  ASSERT_TRUE(atClient.waitFrames(kFrames));
+  const auto frames = atClient.frames();
+  for (std::uint64_t i = 0; i < kFrames; ++i) {
+    ASSERT_EQ(frames[i].requestId, i);
+    ASSERT_EQ(frames[i].type, i % 200);
+    ASSERT_EQ(frames[i].body.size(), body.size());
+  }
+}
+
+TEST_P(OverEachSocketKind, ConcurrentSendersKeepEachOnesOrderUntilACloseStopsThemAll) {
+  // Senders race each other, the I/O thread's flushes and, at the end, a close: each sender's
+  // frames must arrive in its order without gaps, and the close handler must run once.
+  constexpr int kSenders = 4;
+  Recorder atServer, atClient;
+  Server server(listenUrl());
+  Transport client;
+  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
+  ChannelPtr toClient = server.next();
+  ASSERT_TRUE(toClient);
+  atServer.attach(toClient);
+  atClient.attach(toServer);
+
+  std::vector<std::thread> senders;
+  for (int t = 0; t < kSenders; ++t) {
+    senders.emplace_back([&, t] {
+      const std::string body(t * 50, 's');  // unequal sizes: partial writes at odd offsets
+      for (std::uint64_t i = 0; toServer->send(makeFrame(static_cast<std::uint8_t>(t), i, body));
+           ++i) {
+      }
+    });
+  }
+  EXPECT_TRUE(atServer.waitFrames(20000));
+  toServer->close("enough");
+  for (auto& sender : senders) {
+    sender.join();
+  }
+  EXPECT_EQ(atClient.waitClose(), "enough");
+  EXPECT_EQ(atServer.waitClose(), "connection closed by peer");
+  std::vector<std::uint64_t> next(kSenders, 0);
+  for (const Frame& frame : atServer.frames()) {
+    ASSERT_LT(frame.type, kSenders);
+    ASSERT_EQ(frame.requestId, next[frame.type]) << "sender " << int(frame.type);
+    ASSERT_EQ(frame.body.size(), frame.type * 50u);
+    ++next[frame.type];
+  }
+  EXPECT_EQ(atClient.closes().size(), 1u);
+}
+
+TEST_P(OverEachSocketKind, AFrameLargerThanTheInputBufferArrivesWholeBetweenSmallOnes) {
+  Recorder atServer;
+  Server server(listenUrl());
+  Transport client;
+  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
+  ChannelPtr toClient = server.next();
+  ASSERT_TRUE(toClient);
+  atServer.attach(toClient);
+
+  std::string large(3 * 1024 * 1024 + 7, '\0');
+  for (std::size_t i = 0; i < large.size(); ++i) {
+    large[i] = static_cast<char>(i * 31 + i / 4096);
+  }
+  ASSERT_TRUE(toServer->send(makeFrame(1, 1, "before")));
+  ASSERT_TRUE(toServer->send(makeFrame(2, 2, large)));
+  ASSERT_TRUE(toServer->send(makeFrame(3, 3, "after")));
+  ASSERT_TRUE(atServer.waitFrames(3));
+  const auto frames = atServer.frames();
+  EXPECT_EQ(std::string(frames[0].body.begin(), frames[0].body.end()), "before");
+  EXPECT_TRUE(std::string(frames[1].body.begin(), frames[1].body.end()) == large);
+  EXPECT_EQ(std::string(frames[2].body.begin(), frames[2].body.end()), "after");
+}
+
+TEST_P(OverEachSocketKind, ClosingRunsEachSidesCloseHandlerOnceWithAReasonAndStopsSending) {
+  Recorder atServer, atClient;
+  {
+    Server server(listenUrl());
+    Transport client;
+    ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
+    ChannelPtr toClient = server.next();
+    ASSERT_TRUE(toClient);
+    atServer.attach(toClient);
+    atClient.attach(toServer);
+
+    toServer->close("done here");
+    EXPECT_FALSE(toServer->isOpen());
+    EXPECT_FALSE(toServer->send(makeFrame(1, 1, "late")));
+    toServer->close("again");
+    EXPECT_EQ(atClient.waitClose(), "done here");
+    EXPECT_EQ(atServer.waitClose(), "connection closed by peer");
+    EXPECT_FALSE(toClient->isOpen());
+    EXPECT_FALSE(toClient->send(makeFrame(1, 1, "late")));
+    toClient->close("after the fact");
+  }
+  // The transports are gone, their threads joined: whatever was pending has run.
+  EXPECT_EQ(atClient.closes().size(), 1u);
+  EXPECT_EQ(atServer.closes().size(), 1u);
+  EXPECT_TRUE(atServer.frames().empty());
+}
+
+TEST_P(OverEachSocketKind, CloseFirstSendsTheFramesQueuedBeforeIt) {
+  // More than the socket buffers hold, so that most are still queued when close() is called.
+  constexpr std::size_t kFrames = 200;
+  Recorder atServer;
+  Server server(listenUrl());
+  Transport client;
+  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
+  ChannelPtr toClient = server.next();
+  ASSERT_TRUE(toClient);
+  atServer.attach(toClient);
+  const std::string chunk(64 * 1024, 'q');
+  for (std::size_t i = 0; i < kFrames; ++i) {
+    ASSERT_TRUE(toServer->send(makeFrame(1, i, chunk)));
+  }
+  toServer->close("last words sent");
+  EXPECT_EQ(atServer.waitClose(), "connection closed by peer");
+  EXPECT_EQ(atServer.frames().size(), kFrames);
+}
+
+TEST_P(OverEachSocketKind, APeerVanishingInTheMiddleOfAFrameClosesTheChannelSayingSo) {
+  Recorder atServer;
+  Server server(listenUrl());
+  RawClient raw(server.endpoints.at(0));
+  ASSERT_TRUE(raw.handshake());
+  ChannelPtr toClient = server.next();
+  ASSERT_TRUE(toClient);
+  atServer.attach(toClient);
+  ASSERT_TRUE(raw.write(RawClient::header(1, 5, 1000) + std::string(10, 'x')));
+  raw.closeNow();
+  const auto reason = atServer.waitClose();
+  ASSERT_TRUE(reason);
+  EXPECT_THAT(*reason, HasSubstr("in the middle of a frame"));
+  EXPECT_TRUE(atServer.frames().empty());
+}
+
+TEST_P(OverEachSocketKind, AnOversizedLengthClosesThatConnectionUnallocatedAndOthersAreServed) {
+  Recorder atServer, atSecond;
+  Server server(listenUrl());
+  RawClient raw(server.endpoints.at(0));
+  ASSERT_TRUE(raw.handshake());
+  ChannelPtr toRaw = server.next();
+  ASSERT_TRUE(toRaw);
+  gLargestAllocation = 0;
+  atServer.attach(toRaw);
+  ASSERT_TRUE(raw.write(RawClient::header(1, 5, 0xFFFFFFF0u) + std::string(64, 'x')));
+  const auto reason = atServer.waitClose();
+  ASSERT_TRUE(reason);
+  EXPECT_THAT(*reason, HasSubstr("exceeds the limit of 16777216 bytes"));
+  EXPECT_LT(gLargestAllocation.load(), std::size_t{1} << 20);
+  EXPECT_TRUE(raw.waitForEnd());
+
+  Transport client;
+  ChannelPtr second = client.connect(server.endpoints.at(0), {});
+  ChannelPtr toSecond = server.next();
+  ASSERT_TRUE(toSecond);
+  atSecond.attach(toSecond);
+  ASSERT_TRUE(second->send(makeFrame(1, 1, "still served")));
+  EXPECT_TRUE(atSecond.waitFrames(1));
+}
+
+TEST_P(OverEachSocketKind, GarbageInsteadOfAHeaderClosesTheConnectionBeforeOrAfterTheHandshake) {
+  LogCapture log;
+  Recorder atServer, atReserved;
+  Server server(listenUrl());
+  {
+    RawClient http(server.endpoints.at(0));
+    ASSERT_TRUE(http.write("GET / HTTP/1.1\r\nHost: x\r\n\r\n"));
+    EXPECT_TRUE(http.waitForEnd());
+    EXPECT_TRUE(log.waitFor("bad magic (starts with 47 45 54 20)"));
+  }
+  RawClient raw(server.endpoints.at(0));
+  ASSERT_TRUE(raw.handshake());
+  ChannelPtr toRaw = server.next();
+  ASSERT_TRUE(toRaw);
+  atServer.attach(toRaw);
+  std::string flagged = RawClient::header(1, 1, 0);
+  flagged[3] = '\x80';
+  ASSERT_TRUE(raw.write(flagged));
+  EXPECT_THAT(atServer.waitClose().value_or(""), HasSubstr("unknown flags 0x80"));
+  EXPECT_TRUE(raw.waitForEnd());
+
+  RawClient reserved(server.endpoints.at(0));
+  ASSERT_TRUE(reserved.handshake());
+  ChannelPtr toReserved = server.next();
+  ASSERT_TRUE(toReserved);
+  atReserved.attach(toReserved);
+  ASSERT_TRUE(reserved.writeFrame(kHelloType, 0, ""));
+  EXPECT_THAT(atReserved.waitClose().value_or(""), HasSubstr("unexpected frame of transport type"));
+}
+
+TEST_P(OverEachSocketKind, AClientThatNeverReadsIsClosedAtTheOutputLimit) {
+  TransportOptions options;
+  options.maxQueuedOutput = 1 << 20;
+  Recorder atServer;
+  Server server(listenUrl(), options);
+  Transport client;
+  ChannelPtr idle = client.connect(server.endpoints.at(0), {});  // never started: never reads
+  ChannelPtr toIdle = server.next();
+  ASSERT_TRUE(toIdle);
+  atServer.attach(toIdle);
+  const std::string chunk(64 * 1024, 'z');
+  int sent = 0;
+  // The kernel buffers take a few MiB at most; far fewer than this many chunks must hit the limit.
+  while (sent < 2000 && toIdle->send(makeFrame(1, 1, chunk))) {
+    ++sent;
+  }
+  EXPECT_LT(sent, 2000);
+  EXPECT_THAT(atServer.waitClose().value_or(""), HasSubstr("output limit exceeded"));
+  EXPECT_FALSE(toIdle->isOpen());
+}
+
+TEST_P(OverEachSocketKind, ATokenIsRequiredComparedAndReportedToTheRefusedClient) {
+  TransportOptions withToken;
+  withToken.token = "s3cret";
+  Recorder atServer;
+  Server server(listenUrl(), withToken);
+  Transport client;
+
+  TransportOptions none, wrong, right;
+  wrong.token = "s3creT";
+  right.token = "s3cret";
+  try {
+    client.connect(server.endpoints.at(0), none);
+    ADD_FAILURE() << "connected without a token";
+  } catch (const TransportError& e) {
+    EXPECT_THAT(e.what(), HasSubstr("refused by the server: this server requires a token"));
+  }
+  try {
+    client.connect(server.endpoints.at(0), wrong);
+    ADD_FAILURE() << "connected with a wrong token";
+  } catch (const TransportError& e) {
+    EXPECT_THAT(e.what(), HasSubstr("refused by the server: wrong token"));
+  }
+  ChannelPtr channel = client.connect(server.endpoints.at(0), right);
+  ChannelPtr accepted = server.next();
+  ASSERT_TRUE(accepted);
+  atServer.attach(accepted);
+  ASSERT_TRUE(channel->send(makeFrame(1, 1, "in")));
+  EXPECT_TRUE(atServer.waitFrames(1));
+}
+
+TEST_P(OverEachSocketKind, AConnectionThatNeverSaysHelloIsDroppedAfterTheHandshakeTime) {
+  TransportOptions options;
+  options.handshakeTimeout = std::chrono::milliseconds(200);
+  LogCapture log;
+  Server server(listenUrl(), options);
+  RawClient silent(server.endpoints.at(0));
+  ASSERT_TRUE(silent.connected());
+  EXPECT_TRUE(silent.waitForEnd());
+  EXPECT_TRUE(log.waitFor("handshake not completed within 200 ms"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Connecting, listening and shutting down.
+
+TEST(TransportConnect, FailsClearlyWhenNothingListensOrNothingAnswers) {
+  TempDir dir;
+  Transport client;
+  try {
+    client.connect("unix://" + dir.file("none.sock"), {});
+    ADD_FAILURE() << "connected to nothing";
+  } catch (const TransportError& e) {
+    EXPECT_THAT(e.what(), HasSubstr("cannot connect to unix://" + dir.file("none.sock")));
+  }
+  EXPECT_THROW(client.connect("tcp:/127.0.0.1:1", {}), std::invalid_argument);
+
+  // A socket that accepts (in the kernel's backlog) but never answers the hello.
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string mute = dir.file("mute.sock");
+  std::strncpy(address.sun_path, mute.c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(fd, 4), 0);
+  TransportOptions quick;
+  quick.handshakeTimeout = std::chrono::milliseconds(200);
+  try {
+    client.connect("unix://" + mute, quick);
+    ADD_FAILURE() << "connected to a mute socket";
+  } catch (const TransportError& e) {
+    EXPECT_THAT(e.what(), AnyOf(HasSubstr("no answer within 200 ms"),
+                                HasSubstr("handshake not completed within 200 ms")));
+  }
+  ::close(fd);
+}
+
+TEST(TransportConnect, IsRefusedOnTheTransportsOwnThreadInsteadOfDeadlocking) {
+  TempDir dir;
+  std::promise<std::string> outcome;
+  Server server("unix://" + dir.file("s.sock"));
+  Transport client;
+  ChannelPtr channel = client.connect(server.endpoints.at(0), {});
+  channel->start(
+      [&](Frame) {
+        try {
+          client.connect(server.endpoints.at(0), {});
+          outcome.set_value("connected");
+        } catch (const std::logic_error& e) {
+          outcome.set_value(e.what());
+        }
+      },
+      [](const std::string&) {});
+  ChannelPtr accepted = server.next();
+  ASSERT_TRUE(accepted);
+  accepted->send(makeFrame(1, 1, "go"));
+  auto result = outcome.get_future();
+  ASSERT_EQ(result.wait_for(kWait), std::future_status::ready);
+  EXPECT_THAT(result.get(), HasSubstr("I/O thread"));
+}
+
+TEST(TcpListening, OnPortZeroReportsTheChosenPortForEveryResolvedAddress) {
+  std::deque<Recorder> atServer;  // one per endpoint; outlives the transports
+  Server server("tcp://localhost:0");
+  ASSERT_FALSE(server.endpoints.empty());
+  for (const std::string& endpoint : server.endpoints) {
+    const Url url = parseUrl(endpoint);
+    EXPECT_NE(url.port, 0) << endpoint;
+    EXPECT_EQ(url.port, parseUrl(server.endpoints[0]).port) << endpoint;
+    Transport client;
+    Recorder& recorder = atServer.emplace_back();
+    ChannelPtr channel = client.connect(endpoint, {});
+    ChannelPtr accepted = server.next();
+    ASSERT_TRUE(accepted) << endpoint;
+    recorder.attach(accepted);
+    ASSERT_TRUE(channel->send(makeFrame(1, 1, "hi")));
+    EXPECT_TRUE(recorder.waitFrames(1)) << endpoint;
+  }
+}
+
+TEST(TcpListening, BeyondLoopbackNeedsAnExplicitPermissionAndAToken) {
+  Transport transport;
+  auto ignore = [](ChannelPtr) {};
+  TransportOptions options;
+  try {
+    transport.listen("tcp://0.0.0.0:0", options, ignore);
+    ADD_FAILURE() << "listened on every address by default";
+  } catch (const TransportError& e) {
+    EXPECT_THAT(e.what(), HasSubstr("not a loopback address"));
+  }
+  options.allowNonLoopback = true;
+  try {
+    transport.listen("tcp://0.0.0.0:0", options, ignore);
+    ADD_FAILURE() << "listened on every address without a token";
+  } catch (const TransportError& e) {
+    EXPECT_THAT(e.what(), HasSubstr("requires a token"));
+  }
+  options.token = "s3cret";
+  const auto endpoints = transport.listen("tcp://0.0.0.0:0", options, ignore);
+  ASSERT_EQ(endpoints.size(), 1u);
+  EXPECT_THAT(endpoints[0], StartsWith("tcp://0.0.0.0:"));
+}
+
+TEST(UnixListening, CreatesTheSocketFileOwnerOnlyWhateverTheUmask) {
+  TempDir dir;
+  const std::string path = dir.file("s.sock");
+  const mode_t previous = ::umask(0);
+  std::unique_ptr<Server> server;
+  try {
+    server = std::make_unique<Server>("unix://" + path);
+  } catch (...) {
+    ::umask(previous);
+    throw;
+  }
+  ::umask(previous);
+  struct stat status {};
+  ASSERT_EQ(::lstat(path.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISSOCK(status.st_mode));
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
+}
+
+TEST(UnixListening, ReplacesAStaleSocketFileButRefusesALiveOneOrAnyOtherFile) {
+  TempDir dir;
+  const std::string path = dir.file("s.sock");
+  {
+    // What a crashed listener leaves: a socket file nobody accepts on.
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ::close(fd);
+  }
+  {
+    Server server("unix://" + path);
+    Transport client;
+    EXPECT_TRUE(client.connect(server.endpoints.at(0), {}));
+
+    Transport rival;
+    try {
+      rival.listen("unix://" + path, {}, [](ChannelPtr) {});
+      ADD_FAILURE() << "took over a live socket";
+    } catch (const TransportError& e) {
+      EXPECT_THAT(e.what(), HasSubstr("already served"));
+    }
+    EXPECT_TRUE(client.connect(server.endpoints.at(0), {})) << "the live listener was disturbed";
+  }
+  EXPECT_FALSE(std::filesystem::exists(path)) << "the listener left its socket file behind";
+
+  const std::string plain = dir.file("notes.txt");
+  { std::ofstream(plain) << "keep me"; }
+  Transport transport;
+  try {
+    transport.listen("unix://" + plain, {}, [](ChannelPtr) {});
+    ADD_FAILURE() << "listened over a regular file";
+  } catch (const TransportError& e) {
+    EXPECT_THAT(e.what(), HasSubstr("not a socket"));
+  }
+  EXPECT_TRUE(std::filesystem::is_regular_file(plain));
+}
+
+TEST(TransportShutdown, ClosesEveryChannelWithAReasonAndLeavesThemInertHusks) {
+  TempDir dir;
+  const std::string path = dir.file("s.sock");
+  Recorder atClient, atServer;
+  ChannelPtr toServer, toClient, neverStarted;
+  {
+    // Both ends on one transport, so that both learn of the shutdown from it, not from the peer.
+    std::promise<ChannelPtr> accepted;
+    bool first = true;  // the accept handler runs on the I/O thread only
+    Transport transport;
+    const auto endpoints = transport.listen("unix://" + path, {}, [&](ChannelPtr channel) {
+      if (first) {
+        first = false;
+        accepted.set_value(std::move(channel));
+      }
+    });
+    toServer = transport.connect(endpoints.at(0), {});
+    neverStarted = transport.connect(endpoints.at(0), {});
+    auto future = accepted.get_future();
+    ASSERT_EQ(future.wait_for(kWait), std::future_status::ready);
+    toClient = future.get();
+    atServer.attach(toClient);
+    atClient.attach(toServer);
+  }
+  EXPECT_EQ(atClient.closes(), std::vector<std::string>{"transport shut down"});
+  EXPECT_EQ(atServer.closes(), std::vector<std::string>{"transport shut down"});
+  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_FALSE(toServer->send(makeFrame(1, 1, "x")));
+  toServer->close("nobody listens");
+  EXPECT_FALSE(toServer->isOpen());
+  Recorder late;
+  late.attach(neverStarted);  // told at once, on this thread, that it is over
+  EXPECT_EQ(late.closes(), std::vector<std::string>{"transport shut down"});
+}
+
+TEST(TransportShutdown, FromInsideItsOwnHandlerDoesNotDeadlock) {
+  TempDir dir;
+  Recorder atClient;
+  std::promise<std::string> closed;
+  auto server = std::make_unique<Server>("unix://" + dir.file("s.sock"));
+  Transport client;
+  ChannelPtr toServer = client.connect(server->endpoints.at(0), {});
+  ChannelPtr toClient = server->next();
+  ASSERT_TRUE(toClient);
+  atClient.attach(toServer);
+  toClient->start([&](Frame) { server.reset(); },
+                  [&](const std::string& reason) { closed.set_value(reason); });
+  ASSERT_TRUE(toServer->send(makeFrame(1, 1, "stop")));
+  auto reason = closed.get_future();
+  ASSERT_EQ(reason.wait_for(kWait), std::future_status::ready);
+  EXPECT_EQ(reason.get(), "transport shut down");
+  EXPECT_EQ(atClient.waitClose(), "connection closed by peer");
+}
+
+// ---------------------------------------------------------------------------------------------
+// A peer in another process: this program started again, running only ChildPeer.
+
+constexpr const char kChildUrlVariable[] = "KA_WIRE_TEST_CHILD_URL";
+
+TEST(ChildPeer, EchoesFramesUntilKilled) {
+  const char* url = std::getenv(kChildUrlVariable);
+  if (url == nullptr) {
+    GTEST_SKIP() << "runs only as the peer process of SecondProcess tests";
+  }
+  std::promise<void> closed;
+  Transport transport;
+  ChannelPtr channel = transport.connect(url, {});
+  std::weak_ptr<Channel> weak = channel;
+  channel->start(
+      [weak](Frame frame) {
+        if (auto c = weak.lock()) {
+          c->send(std::move(frame));
+        }
+      },
+      [&](const std::string&) { closed.set_value(); });
+  // The parent kills this process; the limit only keeps an orphan from lingering.
+  closed.get_future().wait_for(std::chrono::seconds(60));
+}
+
+TEST(SecondProcess, ExchangesFramesAndItsKillClosesTheChannel) {
+  TempDir dir;
+  Recorder atServer;
+  Server server("unix://" + dir.file("s.sock"));
+
+  std::vector<std::string> environment;
+  for (char** e = environ; *e != nullptr; ++e) {
+    environment.emplace_back(*e);
+  }
+  environment.push_back(std::string(kChildUrlVariable) + "=" + server.endpoints.at(0));
+  std::vector<char*> envp;
+  for (auto& entry : environment) {
+    envp.push_back(entry.data());
+  }
+  envp.push_back(nullptr);
+  std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  std::string filter = "--gtest_filter=ChildPeer.EchoesFramesUntilKilled";
+  char* argv[] = {self.data(), filter.data(), nullptr};
+  pid_t child = 0;
+  ASSERT_EQ(::posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+
+  ChannelPtr toChild = server.next();
+  if (!toChild) {
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    FAIL() << "the child never connected";
+  }
+  EXPECT_THAT(toChild->peerDescription(), HasSubstr("(pid " + std::to_string(child) + ")"));
+  atServer.attach(toChild);
+  for (std::uint64_t i = 1; i <= 3; ++i) {
+    toChild->send(makeFrame(7, i, "ping " + std::to_string(i)));
+  }
+  EXPECT_TRUE(atServer.waitFrames(3));
+  ::kill(child, SIGKILL);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFSIGNALED(status));
+  const auto reason = atServer.waitClose();
+  ASSERT_TRUE(reason);
+  EXPECT_THAT(*reason, AnyOf(HasSubstr("closed by peer"), HasSubstr("connection lost")));
+  const auto frames = atServer.frames();
+  ASSERT_EQ(frames.size(), 3u);
+  EXPECT_EQ(std::string(frames[2].body.begin(), frames[2].body.end()), "ping 3");
+}
+
+}  // namespace
