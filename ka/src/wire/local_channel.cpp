@@ -1,8 +1,10 @@
 #include "wire/local_channel.hpp"
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <vector>
 
 namespace ka {
 namespace wire {
@@ -48,9 +50,54 @@ struct LocalChannel::Link {
 
 namespace {
 
+// Delivery threads whose channel went away on that very thread, so nobody could join them there.
+// They are joined here rather than detached: a detached thread still finishing its last handler
+// at exit would race with the destruction of the statics it touches (type descriptions, the
+// loop). This registry is created on first use, after those statics, so it is destroyed first.
+class OrphanThreads {
+ public:
+  static OrphanThreads& instance() {
+    static OrphanThreads orphans;
+    return orphans;
+  }
+
+  ~OrphanThreads() {
+    std::lock_guard<std::mutex> lock(_mutex);
+    for (auto& orphan : _threads) {
+      orphan.thread.join();
+    }
+  }
+
+  void adopt(std::thread thread, std::shared_ptr<std::atomic<bool>> finished) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    // Join those that have finished, so the list stays as short as the threads still running.
+    for (auto it = _threads.begin(); it != _threads.end();) {
+      if (it->finished->load()) {
+        it->thread.join();
+        it = _threads.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    _threads.push_back({std::move(thread), std::move(finished)});
+  }
+
+ private:
+  struct Orphan {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> finished;
+  };
+  std::mutex _mutex;
+  std::vector<Orphan> _threads;  // guarded by _mutex
+};
+
 // Delivers what `side` receives until the link closes, then tells the close handler once.
 void deliver(std::shared_ptr<LocalChannel::Link> link, int side, Channel::FrameHandler onFrame,
-             Channel::CloseHandler onClose) {
+             Channel::CloseHandler onClose, std::shared_ptr<std::atomic<bool>> finished) {
+  struct MarkFinished {
+    std::atomic<bool>& flag;
+    ~MarkFinished() { flag.store(true); }
+  } markFinished{*finished};
   std::unique_lock<std::mutex> lock(link->mutex);
   auto& me = link->sides[side];
   for (;;) {
@@ -92,7 +139,8 @@ LocalChannel::~LocalChannel() {
   close("The channel was destroyed");
   if (_thread.joinable()) {
     if (_thread.get_id() == std::this_thread::get_id()) {
-      _thread.detach();  // the last handle went inside a handler: the thread ends on its own
+      // The last handle went inside a handler: the thread ends on its own once that returns.
+      OrphanThreads::instance().adopt(std::move(_thread), _finished);
     } else {
       _thread.join();
     }
@@ -103,7 +151,7 @@ void LocalChannel::start(FrameHandler onFrame, CloseHandler onClose) {
   if (_thread.joinable()) {
     throw std::logic_error("LocalChannel::start called twice");
   }
-  _thread = std::thread(deliver, _link, _side, std::move(onFrame), std::move(onClose));
+  _thread = std::thread(deliver, _link, _side, std::move(onFrame), std::move(onClose), _finished);
 }
 
 bool LocalChannel::send(Frame frame) {

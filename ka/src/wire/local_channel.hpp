@@ -5,6 +5,7 @@
 
 #include "wire/channel.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -55,9 +56,11 @@ class LocalChannel : public Channel {
  private:
   const std::shared_ptr<Link> _link;
   const int _side;
-  // Written once by start(), joined (or detached when the last handle goes on that very
-  // thread) by the destructor.
+  // Written once by start(), joined by the destructor (or, when the last handle goes on that
+  // very thread, handed to a registry that joins it later).
   std::thread _thread;
+  // Set by the delivery thread as it ends.
+  const std::shared_ptr<std::atomic<bool>> _finished = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace wire
