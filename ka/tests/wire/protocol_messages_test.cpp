@@ -84,4 +84,107 @@ TEST(MessageLayout, ALookupAndTheObjectReferenceItAnswers) {
             "6b 01 08 00 03 00 00 00 00 00 00 00 00 00 00 00 | 92 02 01");
 }
 
+// A call of method 11 of object 1: the argument signature, then `args` as raw bytes.
+Frame callWithArguments(const std::string& signature, const std::string& args) {
+  msgpack::sbuffer buffer;
+  Packer pk(buffer);
+  pk.pack_array(4);
+  pk.pack(1);
+  pk.pack(11);
+  pk.pack(signature);
+  Frame frame;
+  frame.type = static_cast<std::uint8_t>(MessageType::Call);
+  frame.requestId = 1;
+  frame.body.assign(buffer.data(), buffer.data() + buffer.size());
+  frame.body.insert(frame.body.end(), args.begin(), args.end());
+  return frame;
+}
+
+// `levels` arrays, each holding the next, the innermost holding 7.
+std::string nestedArrays(std::size_t levels) {
+  return std::string(levels, '\x91') + '\x07';
+}
+
+// A message wraps its values in arrays of its own (the body, the argument list): the deepest
+// value a writer sends must still fit what the reader of a message accepts.
+TEST(MessageBodies, CarryTheDeepestValueTheWriterAccepts) {
+  const std::size_t deepest = ka::wire::DecodeLimits().maxDepth;
+  const std::string list = std::string(deepest, '[') + "i" + std::string(deepest, ']');
+  const Frame reply = encodeReply(3,
+                                  decodeValue(nestedArrays(deepest).data(), deepest + 1,
+                                              *ka::typeFromSignature(ka::Signature(list))),
+                                  nullptr);
+  EXPECT_EQ(decodeReply(reply, nullptr).signature().toString(), list);
+
+  // In a call the tuple of the arguments takes one level of the signature's nesting.
+  const std::string member = list.substr(1, list.size() - 2);
+  const Frame call = callWithArguments("(" + member + ")", '\x91' + nestedArrays(deepest - 1));
+  const CallMessage decoded = decodeCall(call, nullptr);
+  ASSERT_EQ(decoded.args.size(), 1u);
+  EXPECT_EQ(decoded.args[0].signature().toString(), member);
+
+  // One level more (a dynamic value holding the deepest list) is still refused, by the value
+  // reader.
+  msgpack::sbuffer dynamic;
+  Packer pk(dynamic);
+  pk.pack_array(1);
+  pk.pack_array(2);
+  pk.pack(list);
+  try {
+    decodeCall(callWithArguments(
+                   "(m)", std::string(dynamic.data(), dynamic.size()) + nestedArrays(deepest)),
+               nullptr);
+    ADD_FAILURE() << "a value nested deeper than the limit was accepted";
+  } catch (const DecodeError& e) {
+    EXPECT_NE(std::string(e.what()).find("nested deeper than 64 levels"), std::string::npos)
+        << e.what();
+  }
+}
+
+// Claimed sizes are checked against the bytes present before anything is reserved for them, in
+// message bodies as in values: a few bytes must not make the receiver reserve megabytes.
+TEST(MessageBodies, RefuseClaimsTheirBytesCannotHoldBeforeReservingForThem) {
+  // An argument list claiming 2^20 values, then a map claiming 2^20 entries, in five bytes.
+  for (const std::string& claim :
+       {std::string("\xdd\x00\x10\x00\x00", 5), std::string("\xdf\x00\x10\x00\x00", 5)}) {
+    try {
+      decodeCall(callWithArguments("(i)", claim), nullptr);
+      ADD_FAILURE() << "a truncated body was accepted";
+    } catch (const DecodeError& e) {
+      EXPECT_NE(std::string(e.what()).find("more than the input of"), std::string::npos)
+          << e.what();
+    }
+  }
+  Frame reply;
+  reply.type = static_cast<std::uint8_t>(MessageType::Reply);
+  reply.body = {'\x92', '\xa3', '[', 'i', ']', '\xdd', '\x00', '\x10', '\x00', '\x00'};
+  EXPECT_THROW(decodeReply(reply, nullptr), DecodeError);
+  // Trailing bytes after the body are still refused.
+  Frame lookup = encodeLookup(1, "Calc");
+  lookup.body.push_back('\xc0');
+  EXPECT_THROW(decodeLookup(lookup), DecodeError);
+}
+
+// Signatures arrive as text: one nested a million levels deep, well within the frame limit, is
+// refused like any malformed signature, without taking the receiver's stack with it.
+TEST(MessageBodies, RefuseSignaturesNestedAMillionLevelsDeep) {
+  const std::string deep =
+      "(" + std::string(1u << 20, '[') + "i" + std::string(1u << 20, ']') + ")";
+  msgpack::sbuffer none;
+  Packer(none).pack_array(0);
+  EXPECT_THROW(decodeCall(callWithArguments(deep, std::string(none.data(), none.size())), nullptr),
+               DecodeError);
+
+  ObjectDescription description;
+  description.methods.push_back({1, "f", ka::Signature(deep), ka::Signature("v")});
+  description.signals.push_back({2, "g", ka::Signature(deep)});
+  msgpack::sbuffer buffer;
+  Packer pk(buffer);
+  packDescription(pk, description);
+  const msgpack::object_handle handle = msgpack::unpack(buffer.data(), buffer.size());
+  EXPECT_THROW(toMetaObject(unpackDescription(handle.get())), DecodeError);
+  description.methods.clear();
+  EXPECT_THROW(toMetaObject(description), DecodeError);
+}
+
 }  // namespace
