@@ -10,6 +10,7 @@ seconds="${1:-60}"
 # program:seed corpus
 targets=(
   "fuzz_value_decoder:ka/fuzz/corpus/value_decoder"
+  "fuzz_frame_decoder:ka/fuzz/corpus/frame_decoder"
 )
 
 cmake -S . -B build-fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \

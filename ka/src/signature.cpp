@@ -7,43 +7,55 @@ namespace {
 
 constexpr const char* kLeafLetters = "vbcCwWiIlLfdsmoX";
 
-// Returns the position just past the one type starting at `pos`, or npos when the
-// text there is not a well-formed type.
+// Returns the position just past the one type starting at `pos`, or npos when the text there
+// is not a well-formed type. Iterative: texts come from peers, and a recursive descent would
+// let a text of a million '[' overflow the stack before any length or nesting limit applies.
 std::size_t skipType(const std::string& s, std::size_t pos) {
-  if (pos >= s.size()) {
-    return std::string::npos;
-  }
-  const char c = s[pos];
-  if (std::strchr(kLeafLetters, c) != nullptr && c != '\0') {
-    return pos + 1;
-  }
-  if (c == '[') {
-    const std::size_t end = skipType(s, pos + 1);
-    if (end == std::string::npos || end >= s.size() || s[end] != ']') {
-      return std::string::npos;
+  // One byte per open container, saying how far it is: '(' takes any number of members; '['
+  // needs one (then kListFull); '{' needs two (kMapHalf after the key, then kMapFull).
+  constexpr char kListFull = 1;
+  constexpr char kMapHalf = 2;
+  constexpr char kMapFull = 3;
+  std::string open;
+  while (pos < s.size()) {
+    const char c = s[pos++];
+    if (c == '[' || c == '{' || c == '(') {
+      open.push_back(c);
+      continue;
     }
-    return end + 1;
-  }
-  if (c == '{') {
-    std::size_t end = skipType(s, pos + 1);
-    if (end == std::string::npos) {
-      return end;
-    }
-    end = skipType(s, end);
-    if (end == std::string::npos || end >= s.size() || s[end] != '}') {
-      return std::string::npos;
-    }
-    return end + 1;
-  }
-  if (c == '(') {
-    std::size_t p = pos + 1;
-    while (p < s.size() && s[p] != ')') {
-      p = skipType(s, p);
-      if (p == std::string::npos) {
-        return p;
+    if (c == '\0' || std::strchr(kLeafLetters, c) == nullptr) {
+      // A closing byte ends the innermost container when it has all its members.
+      if (open.empty()) {
+        return std::string::npos;
       }
+      const char state = open.back();
+      const bool closes = (c == ']' && state == kListFull) || (c == '}' && state == kMapFull) ||
+                          (c == ')' && state == '(');
+      if (!closes) {
+        return std::string::npos;
+      }
+      open.pop_back();
     }
-    return p < s.size() ? p + 1 : std::string::npos;
+    // One complete type: it ends the text's type or counts towards its container's members.
+    if (open.empty()) {
+      return pos;
+    }
+    char& state = open.back();
+    switch (state) {
+      case '[':
+        state = kListFull;
+        break;
+      case '{':
+        state = kMapHalf;
+        break;
+      case kMapHalf:
+        state = kMapFull;
+        break;
+      case '(':
+        break;
+      default:  // a full list or map given one type too many
+        return std::string::npos;
+    }
   }
   return std::string::npos;
 }

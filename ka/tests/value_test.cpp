@@ -66,6 +66,17 @@ TEST(TypeSignature, ValidatesAndSplitsText) {
   EXPECT_FALSE(ka::Signature("{s}").isValid());
   EXPECT_FALSE(ka::Signature("ii").isValid());
   EXPECT_FALSE(ka::Signature("q").isValid());
+  EXPECT_FALSE(ka::Signature("[]").isValid());
+  EXPECT_FALSE(ka::Signature("[ii]").isValid());
+  EXPECT_FALSE(ka::Signature("{sis}").isValid());
+  EXPECT_FALSE(ka::Signature("(i]").isValid());
+  EXPECT_FALSE(ka::Signature("[i]]").isValid());
+  EXPECT_FALSE(ka::Signature(std::string("(i\0)", 4)).isValid());
+  EXPECT_TRUE(ka::Signature("(()[(i)]{[s]{im}})").isValid());
+  // Texts come from peers: their nesting must not be limited by the parser's stack.
+  const std::size_t deep = 1u << 20;
+  EXPECT_TRUE(ka::Signature(std::string(deep, '[') + "i" + std::string(deep, ']')).isValid());
+  EXPECT_FALSE(ka::Signature("(" + std::string(deep, '[') + ")").isValid());
   const auto children = ka::Signature("(i[s]{sm})").children();
   ASSERT_EQ(children.size(), 3u);
   EXPECT_EQ(children[1].toString(), "[s]");

@@ -8,21 +8,26 @@ namespace ka {
 namespace wire {
 namespace {
 
+// Message bodies wrap values in arrays of their own: the body, an argument list, and inside an
+// object handle its description (reference, description, member list, member). The deepest
+// value a writer sends must still parse.
+DecodeLimits bodyLimits() {
+  DecodeLimits limits;
+  limits.maxDepth += 2 + 4;
+  return limits;
+}
+
 // The parsed body of one frame: an array of fields, with the msgpack zone that the fields (and
-// values decoded lazily from them) point into.
+// values decoded lazily from them) point into. Parsed under the limits of values, so that a
+// claimed size is checked against the bytes present before anything is reserved for it; the
+// values' own nesting is checked again as each is read.
 class Body {
  public:
   Body(const Frame& frame, const char* what, std::size_t fields) : _what(what) {
-    std::size_t offset = 0;
     try {
-      _handle = msgpack::unpack(frame.body.data(), frame.body.size(), offset, nullptr, nullptr,
-                                unpackLimit());
-    } catch (const std::exception& e) {
+      _handle = parseLimited(frame.body.data(), frame.body.size(), bodyLimits());
+    } catch (const DecodeError& e) {
       throw DecodeError(std::string(what) + ": malformed body: " + e.what());
-    }
-    if (offset != frame.body.size()) {
-      throw DecodeError(std::string(what) + ": " + std::to_string(frame.body.size() - offset) +
-                        " bytes after the body");
     }
     const msgpack::object& o = _handle.get();
     // Later versions may append fields: those past the ones known here are ignored.

@@ -1,7 +1,7 @@
 #pragma once
 // The messages two participants exchange over a Channel: their types and msgpack bodies. Every
-// body is a msgpack array whose fields come in a fixed order; docs/protocol-messages.md gives
-// the grammar. Encoding never blocks; decoding throws DecodeError saying what did not match.
+// body is a msgpack array whose fields come in a fixed order; docs/protocol.md ("Messages")
+// gives the grammar. Encoding never blocks; decoding throws DecodeError saying what did not match.
 
 #include <ka/anyvalue.hpp>
 #include <ka/metaobject.hpp>

@@ -1,4 +1,4 @@
-// The msgpack layout of values (docs/protocol-values.md gives it as a grammar):
+// The msgpack layout of values (docs/protocol.md gives it as a grammar):
 //   v nil · b bool · c C w W i I l L integer, smallest msgpack form · f float32 · d float64
 //   s str (bytes, no UTF-8 requirement) · [T] array · {KV} map · (T...) array of the members
 //   m nil when it holds nothing, else [content signature, content]

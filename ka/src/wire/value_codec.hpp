@@ -1,7 +1,7 @@
 #pragma once
 // Values on the wire: writes a typed value as msgpack and reads one back against the type the
 // reader expects, so that a value keeps its signature between processes. The layout of every
-// signature letter is described in docs/protocol-values.md.
+// signature letter is described in docs/protocol.md ("Values and signatures").
 
 #include <ka/anyvalue.hpp>
 #include <ka/genericobject.hpp>

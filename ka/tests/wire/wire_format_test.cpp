@@ -1,6 +1,7 @@
 // The pieces of the socket format that need no socket: urls, the frame header, the handshake
 // bodies and the token comparison.
 
+#include "protocol_document.hpp"
 #include "wire/frame_header.hpp"
 #include "wire/handshake.hpp"
 #include "wire/url.hpp"
@@ -125,7 +126,7 @@ TEST(HandshakeBodies, RoundTripAndRefuseWhatTheirGrammarDoesNotAllow) {
   EXPECT_FALSE(decodeHello(std::vector<char>(kMaxHandshakeBody + 1, '\xa1')));
 }
 
-// The worked example of docs/protocol.md, byte for byte.
+// The worked examples of docs/protocol.md, byte for byte.
 TEST(HandshakeBodies, AreTheBytesTheProtocolDocumentShows) {
   auto hex = [](const std::vector<char>& bytes) {
     std::string out;
@@ -145,6 +146,15 @@ TEST(HandshakeBodies, AreTheBytesTheProtocolDocumentShows) {
   std::vector<char> header(kFrameHeaderSize);
   encodeFrameHeader(kRefusedType, 0, 30, header.data());
   EXPECT_EQ(hex(header), "6b 01 f2 00 1e 00 00 00 00 00 00 00 00 00 00 00 ");
+
+  // The document shows each frame as a line of its own.
+  using ka::wire::docs::onTheWire;
+  for (const std::string& frame :
+       {onTheWire(kHelloType, 0, encodeHello("")), onTheWire(kWelcomeType, 0, encodeWelcome()),
+        onTheWire(kRefusedType, 0, encodeRefused("this server requires a token"))}) {
+    EXPECT_TRUE(ka::wire::docs::isDocumented(frame))
+        << frame << "\nis not a line of " << ka::wire::docs::kProtocolDocument;
+  }
 }
 
 TEST(TokenComparison, NeedsEveryByteAndTheLengthToMatch) {
