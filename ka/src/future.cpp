@@ -88,6 +88,14 @@ void SharedStateBase::runContinuations(std::vector<Continuation>& continuations)
   }
 }
 
+void SharedStateBase::handOffContinuations(std::vector<Continuation>& continuations) {
+  // The task keeps the state alive: a continuation made by then() only holds it weakly, and the
+  // thread completing it may drop the last reference before the task runs.
+  handOff_([self = shared_from_this(), continuations = std::move(continuations)]() mutable {
+    runContinuations(continuations);
+  });
+}
+
 PromiseGuard::PromiseGuard(std::shared_ptr<SharedStateBase> state) noexcept
     : state_(std::move(state)) {}
 

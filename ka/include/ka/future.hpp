@@ -208,6 +208,8 @@ namespace detail {
 // What Promise<T> and Promise<void> share. Copies of a promise complete the same future.
 template <class T>
 class PromiseCore {
+  friend struct PromiseAccess;
+
  public:
   Future<T> future() const { return Future<T>(state_); }
   bool isFinished() const { return state_->state() != FutureState::Running; }
@@ -246,6 +248,14 @@ class PromiseCore {
 
   std::shared_ptr<SharedState<T>> state_;
   std::shared_ptr<PromiseGuard> guard_;
+};
+
+// For the middleware's own completion modes, which the public API does not offer.
+struct PromiseAccess {
+  template <class T>
+  static SharedState<T>& state(const PromiseCore<T>& promise) {
+    return *promise.state_;
+  }
 };
 
 }  // namespace detail
