@@ -5,6 +5,7 @@
 #include <ka/api.hpp>
 #include <ka/detail/unique_function.hpp>
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -82,6 +83,7 @@ class KA_API SharedStateBase : public std::enable_shared_from_this<SharedStateBa
       }
       store();
       state_ = final;
+      final_.store(true, std::memory_order_release);
       continuations.swap(continuations_);
     }
     // The caller owns a reference (see trySetError), so the state outlives the notification.
@@ -99,6 +101,8 @@ class KA_API SharedStateBase : public std::enable_shared_from_this<SharedStateBa
 
  private:
   static void runContinuations(std::vector<Continuation>& continuations);
+  // Spins briefly, when that may pay, for the state to become final; true if it did.
+  bool spinUntilFinal() const;
   void handOffContinuations(std::vector<Continuation>& continuations);
 
   mutable std::mutex mutex_;
@@ -107,6 +111,8 @@ class KA_API SharedStateBase : public std::enable_shared_from_this<SharedStateBa
   std::string error_;                         // guarded by mutex_; set with a final state
   std::vector<Continuation> continuations_;   // guarded by mutex_; emptied when state_ is final
   HandOff handOff_ = nullptr;  // set before the state is shared, read-only afterwards
+  // Set with a final state_ (under mutex_), for a waiter spinning without the lock.
+  std::atomic<bool> final_{false};
 };
 
 template <class T>
