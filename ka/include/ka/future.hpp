@@ -8,7 +8,9 @@
 // continuations. Keep them short: they delay whoever completes the promise.
 //
 // Waiting happens on a condition variable inside a detail::BlockingScope, so a task of an
-// EventLoop may wait on work queued to the same loop without deadlocking it.
+// EventLoop may wait on work queued to the same loop without deadlocking it. When the process
+// may use several CPUs and no other thread is sleeping in a wait, a waiter first spins for up to
+// 80 microseconds: a result computed on another CPU then needs no wake-up.
 
 #include <ka/api.hpp>
 #include <ka/detail/future_state.hpp>
