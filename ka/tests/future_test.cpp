@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -240,6 +241,91 @@ TEST(PromiseLifetime, RacingCompletionsLetOneWinAndRunEachContinuationOnce) {
       ASSERT_TRUE(next.hasValue(kLimit));
     ASSERT_EQ(runs.load(), 5);
   }
+}
+
+// The hand-off mode of states completed on threads that must not run chained code: tasks the
+// states hand off wait here until the test runs them on its own thread.
+struct HandedOff {
+  static std::mutex mutex;
+  static std::vector<ka::detail::SharedStateBase::Continuation> tasks;  // guarded by mutex
+
+  static void take(ka::detail::SharedStateBase::Continuation task) {
+    std::lock_guard<std::mutex> lock(mutex);
+    tasks.push_back(std::move(task));
+  }
+  static void runAll() {
+    std::vector<ka::detail::SharedStateBase::Continuation> now;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      now.swap(tasks);
+    }
+    for (auto& task : now) {
+      task();
+    }
+  }
+};
+std::mutex HandedOff::mutex;
+std::vector<ka::detail::SharedStateBase::Continuation> HandedOff::tasks;
+
+template <class T>
+Promise<T> handingOffPromise() {
+  Promise<T> promise;
+  ka::detail::PromiseAccess::state(promise).handContinuationsTo(&HandedOff::take);
+  return promise;
+}
+
+TEST(HandedOffContinuations, AThenRacingTheCompletionRunsOnceAndNeverOnTheCompletingThread) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  for (int round = 0; round < 500 && std::chrono::steady_clock::now() < until; ++round) {
+    Promise<int> promise = handingOffPromise<int>();
+    const Future<int> future = promise.future();
+    std::atomic<int> runs{0};
+    std::thread::id ranOn;
+    std::thread::id completer;
+    Future<int> next;
+    {
+      Worker worker([&completer, promise]() mutable {
+        completer = std::this_thread::get_id();
+        promise.setValue(1);
+      });
+      next = future.then([&](Future<int> done) {
+        ++runs;
+        ranOn = std::this_thread::get_id();
+        return done.value(FutureTimeout_None) + 1;
+      });
+    }
+    // Chained before the completion: handed off; after it: run at once, here.
+    HandedOff::runAll();
+    ASSERT_EQ(next.value(FutureTimeout_None), 2) << "round " << round;
+    ASSERT_EQ(runs.load(), 1) << "round " << round;
+    ASSERT_EQ(ranOn, std::this_thread::get_id()) << "round " << round;
+    ASSERT_NE(ranOn, completer) << "round " << round;
+  }
+}
+
+TEST(HandedOffContinuations, KeepTheStateAliveWhenNobodyElseHoldsItAndWakeWaitersAtOnce) {
+  Future<int> next;
+  Future<void> failed;
+  {
+    Promise<int> promise = handingOffPromise<int>();
+    Promise<int> broken = handingOffPromise<int>();
+    next = promise.future().andThen([](int v) { return v + 1; });
+    failed = broken.future().then([](Future<int> done) {
+      if (done.error(FutureTimeout_None) != ka::detail::kBrokenPromiseError) {
+        throw std::runtime_error("unexpected: " + done.error(FutureTimeout_None));
+      }
+    });
+    const Future<int> waited = promise.future();
+    promise.setValue(41);
+    // The waiter needs nothing handed off.
+    EXPECT_EQ(waited.value(FutureTimeout_None), 41);
+  }
+  // Only the handed-off tasks hold the two states now, and the chained futures wait for them.
+  EXPECT_TRUE(next.isRunning());
+  EXPECT_TRUE(failed.isRunning());
+  HandedOff::runAll();
+  EXPECT_EQ(next.value(FutureTimeout_None), 42);
+  EXPECT_TRUE(failed.hasValue(FutureTimeout_None)) << failed.error(FutureTimeout_None);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <boost/make_shared.hpp>
 
+#include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -507,6 +508,124 @@ TEST(SocketSessionSecurity, AMessageOverTheFrameLimitFailsItsCallButNotTheConnec
   EXPECT_TRUE(client->isConnected());
   client->close();
   server->close();
+}
+
+// The name of the calling thread; the transport names its I/O thread "ka-transport".
+std::string threadName() {
+  char name[32] = {};
+  ::pthread_getname_np(::pthread_self(), name, sizeof name);
+  return name;
+}
+
+// A server with methods that answer when the test says, and a client joined over a Unix
+// socket: answers come in on the client's transport thread.
+struct SocketCalls {
+  SocketCalls() {
+    ka::DynamicObjectBuilder b;
+    b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+    auto a = answer;
+    auto e = entered;
+    b.advertiseMethod("wait", [a, e] {
+      e->add(1);
+      return a->future();
+    });
+    b.advertiseMethod("echo", [](const std::string& s) { return s; });
+    server->listen(socketUrl("unix")).value(kWaitMs);
+    server->registerService("Calls", b.object()).value(kWaitMs);
+    client->connect(server->endpoints().front()).value(kWaitMs);
+    remote = client->service("Calls").value(kWaitMs);
+  }
+  ~SocketCalls() {
+    client->close();
+    server->close();
+    answer->trySetValue(0);
+  }
+  ka::Future<ka::AnyValue> rawCall(const std::string& text) {
+    return remote->metaCall("echo", ka::AnyReferenceVector{ka::AnyReference::from(text)},
+                            ka::MetaCallType::Queued);
+  }
+
+  std::shared_ptr<ka::Promise<int>> answer = std::make_shared<ka::Promise<int>>();
+  std::shared_ptr<Recorder<int>> entered = std::make_shared<Recorder<int>>();
+  ka::SessionPtr server = ka::makeSession();
+  ka::SessionPtr client = ka::makeSession();
+  ka::AnyObject remote;
+};
+
+TEST(RemoteCallThreads, WhatIsChainedToACallRunsOffTheTransportThreadWhileAWaiterIsWokenDirectly) {
+  SocketCalls s;
+  Recorder<std::string> ranOn;
+  const auto record = [&ranOn](auto) { ranOn.add(threadName()); };
+  // Chained before the answers come: to the raw future, and to the converted one of async().
+  const auto raw = s.remote->metaCall("wait", {}, ka::MetaCallType::Queued).then(record);
+  const auto converted = s.remote->async<int>("wait").then(record);
+  const auto twice = s.remote->async<int>("wait").andThen([](int) {}).then(record);
+  ASSERT_EQ(s.entered->waitFor(3).size(), 3u);
+  auto blocked = std::async(std::launch::async, [&s] { return s.remote->call<int>("wait"); });
+  ASSERT_EQ(s.entered->waitFor(4).size(), 4u);
+
+  s.answer->setValue(7);
+  EXPECT_EQ(blocked.get(), 7);
+  EXPECT_TRUE(raw.hasValue(kWaitMs));
+  EXPECT_TRUE(converted.hasValue(kWaitMs));
+  EXPECT_TRUE(twice.hasValue(kWaitMs));
+  const auto names = ranOn.waitFor(3);
+  ASSERT_EQ(names.size(), 3u);
+  for (const auto& name : names) {
+    EXPECT_NE(name, "ka-transport");
+  }
+}
+
+TEST(RemoteCallThreads, AThenRacingTheAnswerRunsExactlyOnceAndNeverOnTheTransportThread) {
+  SocketCalls s;
+  std::atomic<int> runs{0};
+  std::atomic<int> onTransport{0};
+  int rounds = 0;
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  while (rounds < 2000 && std::chrono::steady_clock::now() < until) {
+    const std::string text = std::to_string(rounds);
+    const ka::Future<ka::AnyValue> call = s.rawCall(text);
+    // Some rounds chain at once, others a little later: either side of the answer.
+    for (int i = 0; i < rounds % 64; ++i) {
+      (void)call.isFinished();
+    }
+    const ka::Future<std::string> next = call.then([&](ka::Future<ka::AnyValue> done) {
+      ++runs;
+      onTransport += threadName() == "ka-transport";
+      return done.value(ka::FutureTimeout_None).to<std::string>();
+    });
+    ASSERT_EQ(next.value(kWaitMs), text);
+    ++rounds;
+  }
+  // One more round trip gives a stray second run of some continuation time to show in the count.
+  EXPECT_EQ(s.rawCall("last").value(kWaitMs).to<std::string>(), "last");
+  EXPECT_EQ(runs.load(), rounds);
+  EXPECT_EQ(onTransport.load(), 0);
+}
+
+TEST(RemoteCallThreads,
+     CallsWaitingOnAConnectionThatGoesFailAtOnceAndTheirChainsRunOffTheTransport) {
+  SocketCalls s;
+  Recorder<std::string> ranOn;
+  const auto chained = s.remote->async<int>("wait").then([&ranOn](ka::Future<int> done) {
+    ranOn.add(threadName());
+    return done.error(ka::FutureTimeout_None);
+  });
+  auto blocked = std::async(std::launch::async, [&s]() -> std::string {
+    try {
+      return std::to_string(s.remote->call<int>("wait"));
+    } catch (const ka::FutureError& e) {
+      return e.what();
+    }
+  });
+  ASSERT_EQ(s.entered->waitFor(2).size(), 2u);
+
+  s.server->close();  // the client's transport sees the socket close
+  ASSERT_EQ(blocked.wait_for(std::chrono::milliseconds(kWaitMs)), std::future_status::ready);
+  EXPECT_TRUE(contains(blocked.get(), "Connection lost to"));
+  EXPECT_TRUE(contains(chained.value(kWaitMs), "Connection lost to"));
+  ASSERT_EQ(ranOn.waitFor(1).size(), 1u);
+  EXPECT_NE(ranOn.now().front(), "ka-transport");
 }
 
 }  // namespace

@@ -21,6 +21,13 @@ void onLoop(std::function<void()> task) {
   }
 }
 
+// Where the futures of requests run what was chained to them: the event loop, since their
+// answers complete them on the transport thread.
+void continueOnLoop(detail::SharedStateBase::Continuation task) {
+  auto shared = std::make_shared<detail::SharedStateBase::Continuation>(std::move(task));
+  onLoop([shared] { (*shared)(); });
+}
+
 // `value` as a value of `expected`, the advertised result type of a method.
 AnyValue conform(AnyValue value, const TypeInterface* expected) {
   if (expected == nullptr || expected->kind() == TypeKind::Dynamic) {
@@ -123,12 +130,15 @@ void Connection::shutdown(const std::string& reason) {
   }
   _channel->close(reason);
   KA_LOG_VERBOSE(kCategory) << "Connection to " << _peer << " closed: " << reason;
-  // Waiting calls fail first; then the peer's subscriptions and handles go (running whatever
-  // the objects do when they lose them), then the owner hears of it.
-  onLoop([left, text = lost(reason), reason] {
-    for (auto& p : left->pending) {
-      p.second.promise.trySetError(text);
-    }
+  // Waiting calls fail first, at once (what is chained to them goes to the event loop); then
+  // the peer's subscriptions and handles go (running whatever the objects do when they lose
+  // them), then the owner hears of it.
+  const std::string text = lost(reason);
+  for (auto& p : left->pending) {
+    p.second.promise.trySetError(text);
+  }
+  left->pending.clear();
+  onLoop([left, reason] {
     for (auto& s : left->served) {
       if (s.second.link != SignalLink_Invalid) {
         (void)s.second.object->metaDisconnect(s.second.link);
@@ -162,6 +172,9 @@ std::uint64_t Connection::newSubscriptionId() {
 Future<AnyValue> Connection::request(std::uint64_t requestId, Frame frame,
                                      const TypeInterface* expected) {
   Promise<AnyValue> promise;
+  // The answer completes it on the transport thread: a caller that only waits is woken from
+  // there directly, what is chained to it runs on the event loop.
+  detail::PromiseAccess::state(promise).handContinuationsTo(&continueOnLoop);
   Future<AnyValue> result = promise.future();
   {
     std::lock_guard<std::mutex> lock(_mutex);
@@ -398,7 +411,7 @@ void Connection::onCall(const Frame& frame) {
 }
 
 void Connection::onAnswer(const Frame& frame) {
-  Pending pending;
+  std::map<std::uint64_t, Pending>::node_type node;
   {
     std::lock_guard<std::mutex> lock(_mutex);
     const auto it = _pending.find(frame.requestId);
@@ -406,42 +419,32 @@ void Connection::onAnswer(const Frame& frame) {
       KA_LOG_DEBUG(kCategory) << "Answer to no request (" << frame.requestId << ") from " << _peer;
       return;
     }
-    pending = std::move(it->second);
-    _pending.erase(it);
+    node = _pending.extract(it);
   }
-  struct Outcome {
-    bool ok = false;
-    AnyValue value;
-    std::string error;
-  };
-  auto outcome = std::make_shared<Outcome>();
+  Pending& pending = node.mapped();
+  std::string error;
   if (static_cast<MessageType>(frame.type) == MessageType::Error) {
     try {
-      outcome->error = decodeError(frame);
+      error = decodeError(frame);
     } catch (const std::exception& e) {
-      outcome->error = e.what();
+      error = e.what();
     }
   } else {
     try {
       AnyValue value = decodeReply(frame, this);
       try {
-        outcome->value = conform(std::move(value), pending.expected);
-        outcome->ok = true;
+        // Completed here, on the transport thread: the promise hands whatever is chained to
+        // it to the event loop (see request), and a waiting caller only needs the wake-up.
+        pending.promise.trySetValue(conform(std::move(value), pending.expected));
+        return;
       } catch (const std::exception& e) {
-        outcome->error = std::string("Return argument conversion error: ") + e.what();
+        error = std::string("Return argument conversion error: ") + e.what();
       }
     } catch (const std::exception& e) {
-      outcome->error = e.what();
+      error = e.what();
     }
   }
-  // Whoever waits on the call may chain work that blocks: not on the transport thread.
-  onLoop([pending, outcome]() mutable {
-    if (outcome->ok) {
-      pending.promise.trySetValue(std::move(outcome->value));
-    } else {
-      pending.promise.trySetError(outcome->error);
-    }
-  });
+  pending.promise.trySetError(error);
 }
 
 void Connection::onConnect(const Frame& frame) {

@@ -5,7 +5,9 @@
 // serves a directory also answers lookups by name.
 //
 // Threads: frames arrive on the channel's transport thread, which only decodes and queues; user
-// code (methods, subscribers, continuations of call futures) runs on the ka event loop.
+// code (methods, subscribers, continuations of call futures) runs on the ka event loop. An
+// answer completes its call's future on the transport thread itself, which wakes a waiting
+// caller directly; what is chained to that future is handed to the event loop.
 
 #include <ka/eventloop.hpp>
 #include <ka/future.hpp>

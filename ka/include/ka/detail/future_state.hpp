@@ -5,6 +5,7 @@
 #include <ka/api.hpp>
 #include <ka/detail/unique_function.hpp>
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -30,9 +31,14 @@ inline constexpr const char kBrokenPromiseError[] = "Promise broken";
 // Stands for the value of a Future<void>.
 struct KA_API Unit {};
 
-class KA_API SharedStateBase {
+// Always owned through a shared_ptr (shared_from_this keeps it alive for continuations handed
+// off to another thread).
+class KA_API SharedStateBase : public std::enable_shared_from_this<SharedStateBase> {
  public:
   using Continuation = UniqueFunction<void()>;
+  // Takes one task that runs, in order, the continuations chained before completion. Must not
+  // block and must run the task exactly once, on some thread.
+  using HandOff = void (*)(Continuation task);
 
   SharedStateBase();
   // A state that is final from the start (a ready value or error): no promise, no waiting.
@@ -58,6 +64,13 @@ class KA_API SharedStateBase {
   // otherwise on the thread that finishes it. No lock is held while it runs.
   void onFinished(Continuation continuation);
 
+  // Internal completion mode, for states completed on a thread that must not run the code
+  // chained to them (a transport thread): continuations chained before completion are given to
+  // `handOff` instead of running on the completing thread, so a completion with nothing chained
+  // (a plain waiter) costs only the notification. Continuations chained after completion still
+  // run at once on the chaining thread. Call before the state is shared with another thread.
+  void handContinuationsTo(HandOff handOff) noexcept { handOff_ = handOff; }
+
  protected:
   // Makes the state final; `store` runs under the lock first, and only if it was still running.
   template <class Store>
@@ -70,23 +83,36 @@ class KA_API SharedStateBase {
       }
       store();
       state_ = final;
+      final_.store(true, std::memory_order_release);
       continuations.swap(continuations_);
     }
     // The caller owns a reference (see trySetError), so the state outlives the notification.
     cond_.notify_all();
-    runContinuations(continuations);
+    if (!continuations.empty()) {
+      if (handOff_ != nullptr) {
+        handOffContinuations(continuations);
+      } else {
+        runContinuations(continuations);
+      }
+    }
     return true;
   }
   bool finishWithText(FutureState final, std::string text);
 
  private:
   static void runContinuations(std::vector<Continuation>& continuations);
+  // Spins briefly, when that may pay, for the state to become final; true if it did.
+  bool spinUntilFinal() const;
+  void handOffContinuations(std::vector<Continuation>& continuations);
 
   mutable std::mutex mutex_;
   mutable std::condition_variable cond_;      // signalled when state_ becomes final
   FutureState state_ = FutureState::Running;  // guarded by mutex_
   std::string error_;                         // guarded by mutex_; set with a final state
   std::vector<Continuation> continuations_;   // guarded by mutex_; emptied when state_ is final
+  HandOff handOff_ = nullptr;  // set before the state is shared, read-only afterwards
+  // Set with a final state_ (under mutex_), for a waiter spinning without the lock.
+  std::atomic<bool> final_{false};
 };
 
 template <class T>
