@@ -343,8 +343,17 @@ void Connection::onFrame(Frame frame) {
   if (!isOpen()) {
     return;  // frames still in flight when this end closed
   }
+  const auto type = static_cast<MessageType>(frame.type);
+  if (frame.requestId == 0 && (type == MessageType::Call || type == MessageType::Connect ||
+                               type == MessageType::Disconnect || type == MessageType::Lookup)) {
+    // No answer could name this request, so its caller could never learn what became of it:
+    // running it would be a change nobody asked to see.
+    KA_LOG_WARNING(kCategory) << "Request of type " << static_cast<int>(frame.type)
+                              << " without a request id from " << _peer << ": not run";
+    return;
+  }
   try {
-    switch (static_cast<MessageType>(frame.type)) {
+    switch (type) {
       case MessageType::Call:
         onCall(frame);
         return;

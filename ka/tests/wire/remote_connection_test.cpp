@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <future>
@@ -285,6 +286,45 @@ TEST(HostilePeer, GetsErrorRepliesForWhatItGetsWrongWhileTheServerKeepsServing) 
   const Frame doubled = peer.answerTo(10);
   ASSERT_EQ(doubled.type, static_cast<std::uint8_t>(MessageType::Reply));
   EXPECT_EQ(decodeReply(doubled, nullptr).toInt64(), 42);
+  EXPECT_TRUE(server->isOpen());
+  server->close("the test ended");
+}
+
+TEST(HostilePeer, ARequestWithoutARequestIdIsNeitherRunNorAnswered) {
+  RawPeer peer;
+  auto bumps = std::make_shared<std::atomic<int>>(0);
+  ka::DynamicObjectBuilder b;
+  // Single-threaded: its calls run in arrival order, so once a later call has answered, an
+  // earlier one would have run.
+  b.setThreadingModel(ka::ObjectThreadingModel::SingleThread);
+  b.advertiseMethod("bump", [bumps] { return ++*bumps; });
+  const ka::AnyObject counter = b.object();
+  auto server = Connection::create(
+      peer.other, ServedDirectory{echoObject(), [counter](const std::string& name) {
+                                    return name == "Counter" ? counter : ka::AnyObject();
+                                  }});
+  server->start();
+  const std::uint32_t bump = counter->metaObject().methodsNamed("bump").front()->uid;
+
+  peer.raw->send(encodeLookup(0, "Counter"));
+  peer.raw->send(encodeLookup(1, "Counter"));
+  const Frame found = peer.answerTo(1);
+  ASSERT_EQ(found.type, static_cast<std::uint8_t>(MessageType::Reply));
+  msgpack::object_handle body = msgpack::unpack(found.body.data(), found.body.size());
+  const ObjectReference ref = unpackObjectReference(body.get().via.array.ptr[1]);
+  const auto noArgs = [](Packer& pk) { pk.pack_array(0); };
+  peer.raw->send(callFrame(0, ref.id, bump, "()", noArgs));
+  peer.raw->send(callFrame(2, ref.id, bump, "()", noArgs));
+  const Frame answered = peer.answerTo(2);
+  ASSERT_EQ(answered.type, static_cast<std::uint8_t>(MessageType::Reply));
+  EXPECT_EQ(decodeReply(answered, nullptr).toInt64(), 1);
+  EXPECT_EQ(bumps->load(), 1);
+  {
+    std::lock_guard<std::mutex> lock(peer.m);
+    for (const auto& f : peer.received) {
+      EXPECT_NE(f.requestId, 0u) << "an answer to a request without an id";
+    }
+  }
   EXPECT_TRUE(server->isOpen());
   server->close("the test ended");
 }
