@@ -1,16 +1,16 @@
 #include "user_store.hpp"
 
+#include "busy_wait.hpp"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <limits>
 #include <mutex>
 #include <set>
-#include <thread>
 
 #include <SQLiteCpp/Transaction.h>
 #include <sqlite3.h>
-#include <ka/detail/blocking_scope.hpp>
 
 namespace QV {
 
@@ -28,54 +28,6 @@ UserSessionError storeError(const std::string& path, const std::string& reason) 
 UserSessionError callFailed(const std::string& path, const char* operation,
                             const SQLite::Exception& error) {
   return storeError(path, std::string(operation) + " failed: " + error.what());
-}
-
-// --- waiting for another connection's lock -------------------------------------------------------
-
-// The knowledge store's backoff: short first steps for a lock held by one short transaction,
-// longer ones so that a long wait does not spin.
-constexpr int kStepsMs[] = {1, 2, 5, 10, 15, 20, 25, 25, 25, 50, 50, 100};
-constexpr int kStepCount = static_cast<int>(sizeof kStepsMs / sizeof kStepsMs[0]);
-
-std::int64_t sleptBeforeMs(int attempt) {
-  std::int64_t total = 0;
-  for (int i = 0; i < std::min(attempt, kStepCount); ++i) {
-    total += kStepsMs[i];
-  }
-  if (attempt > kStepCount) {
-    total += std::int64_t{attempt - kStepCount} * kStepsMs[kStepCount - 1];
-  }
-  return total;
-}
-
-// Sleeps before the `attempt`th retry unless the timeout is used up. The sleep holds a
-// BlockingScope, so an event loop worker waiting here lets the loop start a spare one; a loop that
-// refuses to block one more worker makes the call give up with SQLITE_BUSY at once.
-bool sleepBeforeRetry(int attempt, std::int64_t timeoutMs) noexcept {
-  const std::int64_t slept = sleptBeforeMs(attempt);
-  if (attempt < 0 || slept >= timeoutMs) {
-    return false;
-  }
-  const std::int64_t step =
-      std::min<std::int64_t>(kStepsMs[std::min(attempt, kStepCount - 1)], timeoutMs - slept);
-  try {
-    ka::detail::BlockingScope blocking;
-    std::this_thread::sleep_for(std::chrono::milliseconds(step));
-  } catch (...) {
-    return false;
-  }
-  return true;
-}
-
-// Called from SQLite's C frames: must not throw. The timeout travels in the context pointer.
-int onBusy(void* context, int attempt) noexcept {
-  const auto timeoutMs = static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(context));
-  return sleepBeforeRetry(attempt, timeoutMs) ? 1 : 0;
-}
-
-void installBusyHandler(sqlite3* db, std::chrono::milliseconds timeout) {
-  const auto ms = std::clamp<std::int64_t>(timeout.count(), 0, INT32_MAX);
-  sqlite3_busy_handler(db, &onBusy, reinterpret_cast<void*>(static_cast<std::intptr_t>(ms)));
 }
 
 // --- recognising the file ------------------------------------------------------------------------
@@ -203,8 +155,7 @@ void enableWal(SQLite::Database& db, const std::string& path, std::chrono::milli
       break;
     } catch (const SQLite::Exception& error) {
       const int code = error.getErrorCode();
-      if ((code != SQLITE_BUSY && code != SQLITE_LOCKED) ||
-          !sleepBeforeRetry(attempt, timeout.count())) {
+      if ((code != SQLITE_BUSY && code != SQLITE_LOCKED) || !sleepBeforeRetry(attempt, timeout)) {
         throw;
       }
     }
