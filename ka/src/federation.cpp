@@ -2,6 +2,7 @@
 
 #include <ka/log.hpp>
 
+#include <algorithm>
 #include <tuple>
 
 namespace ka {
@@ -40,8 +41,8 @@ void DirectoryServer::listen(const std::string& url, const EndpointOptions& opti
   if (wire::isLocalUrl(url)) {
     auto listener = wire::listenLocal(url, onAccept);
     std::lock_guard<std::mutex> lock(_mutex);
-    if (_closed) {
-      throw std::runtime_error("The session is closed");
+    if (_closed || _draining) {
+      throw std::runtime_error(_closed ? "The session is closed" : "The session is shutting down");
     }
     _localListeners.push_back(std::move(listener));
     _endpoints.push_back(url);
@@ -52,6 +53,9 @@ void DirectoryServer::listen(const std::string& url, const EndpointOptions& opti
     std::lock_guard<std::mutex> lock(_mutex);
     if (_closed) {
       throw std::runtime_error("The session is closed");
+    }
+    if (_draining) {
+      throw std::runtime_error("The session is shutting down");
     }
     if (!_transport) {
       _transport = std::make_unique<wire::Transport>();
@@ -84,7 +88,7 @@ void DirectoryServer::accept(const wire::ChannelPtr& channel) {
   bool closed;
   {
     std::lock_guard<std::mutex> lock(_mutex);
-    closed = _closed;
+    closed = _closed || _draining;
     if (!closed) {
       _connections.insert(connection);
     }
@@ -131,6 +135,67 @@ void DirectoryServer::close() {
   }
   // Stops listening and the I/O thread, with no lock held: its handlers take _mutex.
   transport.reset();
+}
+
+namespace {
+
+constexpr const char kStopping[] = "The session is shutting down";
+
+// Refuses new requests on every connection, waits for the calls running, then ends each
+// connection and waits for its last replies to go out.
+bool drainConnections(const std::vector<std::shared_ptr<wire::Connection>>& connections,
+                      std::chrono::steady_clock::time_point deadline) {
+  for (const auto& c : connections) {
+    c->stopServing(kStopping);
+  }
+  bool complete = true;
+  for (const auto& c : connections) {
+    complete = c->waitIdle(deadline) && complete;
+  }
+  for (const auto& c : connections) {
+    c->close(kStopping);
+  }
+  for (const auto& c : connections) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    complete = c->ended().wait(std::max<int>(0, static_cast<int>(left.count()))) ==
+                   FutureState::FinishedWithValue &&
+               complete;
+  }
+  return complete;
+}
+
+}  // namespace
+
+bool DirectoryServer::drain(std::chrono::steady_clock::time_point deadline) {
+  std::lock_guard<std::mutex> lifecycle(_lifecycle);
+  std::vector<std::unique_ptr<wire::LocalListener>> listeners;
+  std::vector<std::shared_ptr<wire::Connection>> connections;
+  wire::Transport* transport;
+  {
+    // From here accept() turns new connections away, so this set is final.
+    std::lock_guard<std::mutex> lock(_mutex);
+    _draining = true;
+    listeners.swap(_localListeners);
+    transport = _transport.get();  // stays while _lifecycle is held
+    _endpoints.clear();
+    connections.assign(_connections.begin(), _connections.end());
+  }
+  // Refusing first: once the endpoints are gone, no request is let in any more.
+  for (const auto& c : connections) {
+    c->stopServing(kStopping);
+  }
+  for (auto& l : listeners) {
+    l->close();
+  }
+  if (transport != nullptr) {
+    transport->stopListening();
+  }
+  return drainConnections(connections, deadline);
+}
+
+bool JoinedDirectory::drain(std::chrono::steady_clock::time_point deadline) {
+  return drainConnections({_connection}, deadline);
 }
 
 JoinedDirectory::JoinedDirectory(std::string url, std::unique_ptr<wire::Transport> transport,

@@ -11,6 +11,7 @@
 #include "wire/local_endpoints.hpp"
 #include "wire/transport.hpp"
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -33,6 +34,10 @@ class DirectoryServer : public std::enable_shared_from_this<DirectoryServer> {
   bool isListening() const;
   // Stops listening and ends every connection.
   void close();
+  // Stops listening and accepting, refuses new requests on every connection, waits until the
+  // calls running finish and their replies have gone out, then ends the connections. False when
+  // `deadline` passed first (what is left is cut by close()).
+  bool drain(std::chrono::steady_clock::time_point deadline);
 
  private:
   void accept(const wire::ChannelPtr& channel);
@@ -45,6 +50,7 @@ class DirectoryServer : public std::enable_shared_from_this<DirectoryServer> {
   // All guarded by _mutex: the socket transport (made by the first socket url), the local
   // endpoints, every url listened on, and the connections accepted.
   bool _closed = false;
+  bool _draining = false;  // accepted connections are turned away
   std::unique_ptr<wire::Transport> _transport;
   std::vector<std::unique_ptr<wire::LocalListener>> _localListeners;
   std::vector<std::string> _endpoints;
@@ -71,6 +77,9 @@ class JoinedDirectory {
   Future<unsigned int> registerService(const std::string& name, const AnyObject& object);
   Future<void> unregisterService(unsigned int serviceId);
   void close();
+  // Refuses the peer's new requests, waits for the calls running here, then ends the
+  // connection once the replies have gone out. False when `deadline` passed first.
+  bool drain(std::chrono::steady_clock::time_point deadline);
 
  private:
   template <typename T>

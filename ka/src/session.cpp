@@ -174,6 +174,25 @@ Future<void> Session::connect(const std::string& url, const EndpointOptions& opt
       });
 }
 
+bool Session::drain(std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  std::shared_ptr<detail::DirectoryServer> server;
+  std::shared_ptr<detail::JoinedDirectory> joined;
+  {
+    std::lock_guard<std::mutex> lock(_state->mutex);
+    server = _state->server;
+    joined = _state->joined;
+  }
+  bool complete = true;
+  if (server) {
+    complete = server->drain(deadline) && complete;
+  }
+  if (joined) {
+    complete = joined->drain(deadline) && complete;
+  }
+  return complete;
+}
+
 void Session::close() {
   if (_state->closed.exchange(true)) {
     return;

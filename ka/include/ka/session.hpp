@@ -10,6 +10,7 @@
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -84,6 +85,15 @@ class KA_API Session : public boost::enable_shared_from_this<Session> {
   // session's own directory.
   Future<void> connect(const std::string& url, const EndpointOptions& options = EndpointOptions());
 
+  // Stops serving other processes gracefully, for a process that is shutting down: stops
+  // listening (Unix socket files removed) and turns away new connections; the calls, lookups and
+  // subscriptions peers send from then on are refused with "The session is shutting down",
+  // while the calls already running finish and their replies go out; then every connection
+  // (also the one to a joined directory) ends. Waits for all that at most `limit`: answers true
+  // when it all happened in time, false when something was still running (close() then cuts
+  // it). The services stay registered in this process until close(). Blocks: not from a method
+  // or subscriber that a peer's call runs.
+  bool drain(std::chrono::milliseconds limit);
   // Unregisters this session's services ("serviceRemoved" goes out for each, possibly on
   // this thread); afterwards every call fails. The destructor closes too.
   void close();

@@ -86,10 +86,11 @@ void Connection::start(ClosedHandler onClosed) {
           self->onFrame(std::move(frame));
         }
       },
-      [weak](const std::string& reason) {
+      [weak, ended = _ended](const std::string& reason) mutable {
         if (const auto self = weak.lock()) {
           self->shutdown(reason);
         }
+        ended.trySetValue();
       });
 }
 
@@ -100,6 +101,28 @@ void Connection::close(const std::string& reason) {
 bool Connection::isOpen() const {
   std::lock_guard<std::mutex> lock(_mutex);
   return !_closed;
+}
+
+void Connection::stopServing(const std::string& reason) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _refusal = reason.empty() ? std::string("The service is shutting down") : reason;
+}
+
+bool Connection::waitIdle(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock<std::mutex> lock(_mutex);
+  return _idle.wait_until(lock, deadline, [this] { return _running == 0; });
+}
+
+std::string Connection::refusal() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _refusal;
+}
+
+void Connection::callDone() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (--_running == 0) {
+    _idle.notify_all();
+  }
 }
 
 std::string Connection::lost(const std::string& reason) const {
@@ -401,6 +424,17 @@ void Connection::onCall(const Frame& frame) {
     replyError(frame.requestId, RemoteObject::kGone);
     return;
   }
+  {
+    // Checked and counted together, so that once stopServing returns no new call starts.
+    std::unique_lock<std::mutex> lock(_mutex);
+    if (!_refusal.empty()) {
+      const std::string refused = _refusal;
+      lock.unlock();
+      replyError(frame.requestId, refused);
+      return;
+    }
+    ++_running;
+  }
   // Queued: the method runs on the event loop, never on this transport thread. The call
   // copies its arguments before returning.
   const AnyReferenceVector args(call.args.begin(), call.args.end());
@@ -415,6 +449,7 @@ void Connection::onCall(const Frame& frame) {
   (void)result.then([weak, requestId](Future<AnyValue> done) {
     if (const auto self = weak.lock()) {
       self->reply(requestId, done);
+      self->callDone();
     }
   });
 }
@@ -457,6 +492,10 @@ void Connection::onAnswer(const Frame& frame) {
 }
 
 void Connection::onConnect(const Frame& frame) {
+  if (const std::string refused = refusal(); !refused.empty()) {
+    replyError(frame.requestId, refused);
+    return;
+  }
   ConnectMessage message;
   try {
     message = decodeConnect(frame);
@@ -650,6 +689,10 @@ void Connection::onLookup(const Frame& frame) {
   }
   if (!_served) {
     replyError(frame.requestId, "This participant serves no directory");
+    return;
+  }
+  if (const std::string refused = refusal(); !refused.empty()) {
+    replyError(frame.requestId, refused);
     return;
   }
   const AnyObject object =

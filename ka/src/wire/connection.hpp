@@ -20,6 +20,8 @@
 
 #include <boost/weak_ptr.hpp>
 
+#include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
@@ -59,6 +61,16 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
   // and its handles on exported objects released. Idempotent.
   void close(const std::string& reason);
   bool isOpen() const;
+  // For a graceful shutdown: from now on the peer's calls, lookups and subscriptions are refused
+  // with `reason` as their error, while the calls already running here go on and send their
+  // replies. This end's own requests to the peer are not affected.
+  void stopServing(const std::string& reason);
+  // Waits until none of the peer's calls runs here any more (their replies are queued for
+  // sending) or `deadline` passes; true when none runs.
+  bool waitIdle(std::chrono::steady_clock::time_point deadline);
+  // Completes when the channel has ended; after close(), that is once what was queued before
+  // it has gone out. Only for a started connection.
+  Future<void> ended() const { return _ended.future(); }
   // Who is on the other end ("unix:///run/x.sock"), for messages.
   const std::string& peer() const { return _peer; }
 
@@ -129,6 +141,9 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
   void onEvent(const Frame& frame);
   void onLookup(const Frame& frame);
   void onRelease(const Frame& frame);
+  // The refusal text once stopServing was called, else empty.
+  std::string refusal() const;
+  void callDone();
 
   // Run on _control, in arrival order.
   void serveConnect(std::uint64_t requestId, const ConnectMessage& message);
@@ -157,6 +172,8 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
   // subscribers, each in arrival order, on the event loop.
   const Strand _control;
   const Strand _events;
+  // Set when the channel's close handler has run.
+  Promise<void> _ended;
 
   mutable std::mutex _mutex;
   // All guarded by _mutex:
@@ -172,6 +189,11 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
   std::map<std::uint32_t, Import> _imports;
   std::map<std::uint64_t, Served> _servedSubscriptions;
   std::map<std::uint64_t, Subscribed> _subscriptions;
+  // Set by stopServing: the error new requests of the peer get.
+  std::string _refusal;
+  // Calls of the peer running here; _idle is notified when it falls to 0.
+  std::size_t _running = 0;
+  std::condition_variable _idle;
 };
 
 }  // namespace wire

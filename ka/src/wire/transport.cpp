@@ -125,18 +125,26 @@ struct Transport::Impl {
     channels.push_back(channel);
   }
 
-  // I/O thread: the first step of shutting down.
-  void closeEverything() {
+  // I/O thread: closes every listener; later listen() calls are refused.
+  void closeListeners() {
     std::vector<std::shared_ptr<Listener>> closing;
-    std::vector<std::weak_ptr<SocketChannel>> open;
     {
       std::lock_guard<std::mutex> lock(mutex);
       stopping = true;
       closing.swap(listeners);
-      open = channels;
     }
     for (const auto& listener : closing) {
       listener->close();
+    }
+  }
+
+  // I/O thread: the first step of shutting down.
+  void closeEverything() {
+    closeListeners();
+    std::vector<std::weak_ptr<SocketChannel>> open;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      open = channels;
     }
     for (const auto& weak : open) {
       if (auto channel = weak.lock()) {
@@ -249,8 +257,13 @@ class AcceptLoop final : public Listener,
     channel->beginHandshake(SocketChannel::Role::Server, [self = this->shared_from_this(),
                                                           weak](const std::string& failure) {
       auto accepted = weak.lock();
-      if (!failure.empty() || !accepted || !self->onAccept_) {
+      if (!failure.empty() || !accepted) {
         return;  // the channel logged why
+      }
+      if (!self->onAccept_) {
+        // The listener closed during the handshake: nobody would serve this connection.
+        accepted->closeOnIoThread("the listener closed");
+        return;
       }
       try {
         self->onAccept_(accepted);
@@ -581,6 +594,20 @@ std::vector<std::string> Transport::listen(const std::string& url, const Transpo
     KA_LOG_INFO(kCategory) << "listening on " << endpoint;
   }
   return endpoints;
+}
+
+void Transport::stopListening() {
+  if (impl_->io.get_executor().running_in_this_thread()) {
+    throw std::logic_error("Transport::stopListening called on the transport's I/O thread");
+  }
+  std::promise<void> closed;
+  std::future<void> done = closed.get_future();
+  asio::post(impl_->io, [impl = impl_.get(), &closed] {
+    impl->closeListeners();
+    closed.set_value();
+  });
+  // The I/O thread runs until the transport is destroyed, which must not race with this call.
+  done.wait();
 }
 
 ChannelPtr Transport::connect(const std::string& url, const TransportOptions& options) {

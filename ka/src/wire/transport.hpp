@@ -49,6 +49,11 @@ class Transport {
   // which must not wait for itself.
   ChannelPtr connect(const std::string& url, const TransportOptions& options);
 
+  // Stops accepting connections on every url listened on (removing the Unix socket files it
+  // created) and returns once no new connection can be handed out; connections already made
+  // stay. Later listen() calls are refused. Not on the I/O thread, which must not wait for itself.
+  void stopListening();
+
   struct Impl;
 
  private:

@@ -1,0 +1,45 @@
+#pragma once
+// Where the programs of this project meet by default: the url of the daemon's socket and the
+// per-user directories, shared by the daemon qvuserinfod and the command-line client kacli so
+// that both find each other without being told.
+
+#include <stdexcept>
+#include <string>
+
+namespace qvapp {
+
+// The file names the daemon uses inside its state directory.
+inline constexpr const char kSocketName[] = "qvuserinfod.sock";
+inline constexpr const char kDatabaseName[] = "knowledge.db";
+// The state directory of a daemon started from the README command, relative to where it runs.
+inline constexpr const char kCheckoutStateDir[] = "./var";
+
+// A directory that cannot be used; the text says which and why.
+class DirectoryError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The per-user runtime directory: $XDG_RUNTIME_DIR/qvuserinfo when XDG_RUNTIME_DIR is set, else
+// /tmp/qvuserinfo-<uid>. Created with mode 0700 when missing. Throws DirectoryError when it
+// exists and is not a directory owned by this user with mode 0700: another user could then
+// place or read the socket.
+std::string runtimeDir();
+// The per-user data directory: $XDG_DATA_HOME/qvuserinfo, else $HOME/.local/share/qvuserinfo.
+// Not created. Throws DirectoryError when neither variable is set.
+std::string dataDir();
+// Where the daemon puts its socket when not told: runtimeDir().
+std::string defaultStateDir();
+
+// "unix://<dir>/qvuserinfod.sock", with `dir` made absolute.
+std::string socketUrlIn(const std::string& dir);
+
+// The url a client uses when not told: $QV_URL when set and not empty; else the socket of a
+// daemon started from the README command in the working directory (./var/qvuserinfod.sock)
+// when that file exists; else the socket in runtimeDir().
+std::string defaultUrl();
+// The url the daemon listens on when not told: $QV_URL when set and not empty, else the socket
+// in defaultStateDir().
+std::string daemonDefaultUrl();
+
+}  // namespace qvapp

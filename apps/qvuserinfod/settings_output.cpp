@@ -1,0 +1,20 @@
+#include "settings_output.hpp"
+
+namespace qvuserinfod {
+
+void printSettings(std::ostream& out, const Settings& settings) {
+  out << "database: " << settings.database << "\n";
+  out << "durability: " << durabilityName(settings.durability) << "\n";
+  if (settings.connect.empty()) {
+    for (const auto& url : settings.listen) {
+      out << "listen: " << url << "\n";
+    }
+  } else {
+    out << "connect: " << settings.connect << "\n";
+  }
+  out << "user session: " << (settings.ownUserSession ? "own" : "external") << "\n";
+  out << "log: " << describeLog(settings.log) << "\n";
+  out.flush();
+}
+
+}  // namespace qvuserinfod

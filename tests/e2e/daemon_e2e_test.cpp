@@ -1,0 +1,409 @@
+// The daemon as a user runs it: the real qvuserinfod binary on a fresh temporary directory and
+// socket, driven through the middleware by a client session in this process.
+
+#include "process_harness.hpp"
+
+#include <qvusersession/usersession_service.hpp>
+
+#include <ka/anyvalue.hpp>
+#include <ka/session.hpp>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace fs = std::filesystem;
+using e2e::Millis;
+using e2e::Process;
+
+namespace {
+
+// Generous upper bounds (sanitizer builds start slowly); the tests take far less.
+constexpr Millis kLimit{20000};
+constexpr int kCallMs = 20000;
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    out.push_back(line);
+  }
+  return out;
+}
+
+// A sanitized daemon fails its run on the first report, with an exit code no test expects.
+const std::map<std::string, std::string> kChildEnv{
+    {"TSAN_OPTIONS", "halt_on_error=1 second_deadlock_stack=1 exitcode=66"},
+    {"ASAN_OPTIONS", "detect_leaks=1 exitcode=66"},
+    {"UBSAN_OPTIONS", "print_stacktrace=1 halt_on_error=1 exitcode=66"},
+};
+
+void expectNoSanitizerReport(const std::string& err) {
+  EXPECT_FALSE(contains(err, "Sanitizer") || contains(err, "runtime error:")) << err;
+}
+
+// A client of the daemon: a session joined to its directory and the two services it drives.
+struct Client {
+  explicit Client(const std::string& url) {
+    session->connect(url).value(kCallMs);
+    users = session->service("QVUserSession").value(kCallMs);
+    info = session->service("QVUserInfo").value(kCallMs);
+  }
+  ~Client() { session->close(); }
+
+  int createUser() { return users->call<int>("createUser"); }
+  bool set(int user, const std::string& name, const std::string& value) {
+    return info->call<bool>("_set", user, name, ka::AnyValue(value));
+  }
+  std::string get(int user, const std::string& name) {
+    return info->call<ka::AnyValue>("get", user, name).to<std::string>();
+  }
+
+  ka::SessionPtr session = ka::makeSession();
+  ka::AnyObject users;
+  ka::AnyObject info;
+};
+
+class Daemon : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/qv-e2e-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    env_ = kChildEnv;
+    // Defaults resolve inside the test's directory, never in the user's.
+    env_["XDG_RUNTIME_DIR"] = (dir_ / "run").string();
+    env_["XDG_DATA_HOME"] = (dir_ / "data").string();
+    env_["QV_URL"] = "";
+    fs::create_directory(dir_ / "run");
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  fs::path stateDir() const { return dir_ / "var"; }
+  std::string socketUrl() const { return "unix://" + (stateDir() / "qvuserinfod.sock").string(); }
+
+  std::unique_ptr<Process> spawn(const std::vector<std::string>& args) {
+    return std::make_unique<Process>(QV_DAEMON_PATH, args, env_);
+  }
+  // A daemon that has said it is ready; fails the test (and answers null) otherwise.
+  std::unique_ptr<Process> start(std::vector<std::string> args = {}) {
+    if (args.empty()) {
+      args = {"--state-dir", stateDir().string()};
+    }
+    auto daemon = spawn(args);
+    if (!daemon->waitForLine("ready ", kLimit)) {
+      ADD_FAILURE() << "no readiness line; stdout:\n"
+                    << daemon->out() << "stderr:\n"
+                    << daemon->err();
+      return nullptr;
+    }
+    return daemon;
+  }
+  // Stops a daemon with SIGTERM and checks it stopped cleanly.
+  void stop(Process& daemon) {
+    daemon.signal(SIGTERM);
+    const auto code = daemon.waitExit(kLimit);
+    ASSERT_TRUE(code) << "the daemon did not stop";
+    EXPECT_EQ(*code, 0) << daemon.err();
+    const auto out = lines(daemon.out());
+    ASSERT_FALSE(out.empty());
+    EXPECT_EQ(out.back(), "stopped");
+    expectNoSanitizerReport(daemon.err());
+  }
+  // Runs a daemon that must fail to start; answers its one stderr line.
+  std::string startFails(const std::vector<std::string>& args) {
+    const auto done = e2e::run(QV_DAEMON_PATH, args, kLimit, env_);
+    EXPECT_EQ(done.exitCode, 1) << done.out << done.err;
+    EXPECT_FALSE(contains(done.out, "ready ")) << done.out;
+    const auto errLines = lines(done.err);
+    EXPECT_EQ(errLines.size(), 1u) << done.err;
+    return errLines.empty() ? std::string() : errLines.front();
+  }
+
+  fs::path dir_;
+  std::map<std::string, std::string> env_;
+};
+
+TEST_F(Daemon, PrintsItsSettingsThenOneReadyLineAndStopsCleanlyOnSigterm) {
+  auto daemon = start();
+  ASSERT_TRUE(daemon);
+  const std::string db = (stateDir() / "knowledge.db").string();
+  EXPECT_EQ(
+      lines(daemon->out()),
+      (std::vector<std::string>{"database: " + db, "durability: full", "listen: " + socketUrl(),
+                                "user session: own", "log: warning", "ready " + socketUrl()}));
+  EXPECT_TRUE(fs::exists(db));
+  EXPECT_TRUE(fs::exists(db + ".users"));
+  stop(*daemon);
+  EXPECT_FALSE(fs::exists(stateDir() / "qvuserinfod.sock")) << "the socket file is left behind";
+}
+
+TEST_F(Daemon, WithoutFlagsPutsTheSocketInTheRuntimeDirAndTheStoreInTheDataDir) {
+  auto daemon = start({"--log", "QVUser*=verbose"});
+  ASSERT_TRUE(daemon);
+  const std::string url = "unix://" + (dir_ / "run/qvuserinfo/qvuserinfod.sock").string();
+  const auto out = lines(daemon->out());
+  EXPECT_EQ(out.front(), "database: " + (dir_ / "data/qvuserinfo/knowledge.db").string());
+  EXPECT_EQ(out.back(), "ready " + url);
+  EXPECT_TRUE(contains(daemon->out(), "log: warning QVUser*=verbose\n")) << daemon->out();
+  Client client(url);
+  EXPECT_GT(client.createUser(), 0);
+  stop(*daemon);
+}
+
+TEST_F(Daemon, KeepsWhatAClientWroteAcrossARestart) {
+  int user = 0;
+  {
+    auto daemon = start();
+    ASSERT_TRUE(daemon);
+    Client client(socketUrl());
+    user = client.createUser();
+    EXPECT_TRUE(client.set(user, "name", "Ada"));
+    EXPECT_TRUE(client.set(user, "nickname", "Countess"));
+    stop(*daemon);
+  }
+  auto daemon = start();
+  ASSERT_TRUE(daemon);
+  Client client(socketUrl());
+  EXPECT_TRUE(client.users->call<bool>("doesUserExist", user));
+  EXPECT_EQ(client.get(user, "name"), "Ada");
+  EXPECT_EQ(client.get(user, "nickname"), "Countess");
+  EXPECT_GT(client.createUser(), user) << "an id was handed out twice";
+  stop(*daemon);
+}
+
+TEST_F(Daemon, ASecondDaemonOnTheSameSocketExitsWithOneLineWhileTheFirstKeepsServing) {
+  auto first = start();
+  ASSERT_TRUE(first);
+  const std::string line = startFails({"--state-dir", stateDir().string()});
+  EXPECT_EQ(line.rfind("qvuserinfod: listen: ", 0), 0u) << line;
+  EXPECT_TRUE(contains(line, socketUrl()) && contains(line, "already served")) << line;
+
+  Client client(socketUrl());
+  EXPECT_GT(client.createUser(), 0);
+  stop(*first);
+}
+
+TEST_F(Daemon, ReplacesAStaleSocketFileLeftByACrash) {
+  fs::create_directories(stateDir());
+  const fs::path socket = stateDir() / "qvuserinfod.sock";
+  {
+    // What a daemon killed with SIGKILL leaves: a socket file nobody listens on.
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ::close(fd);
+  }
+  auto daemon = start();
+  ASSERT_TRUE(daemon);
+  Client client(socketUrl());
+  EXPECT_GT(client.createUser(), 0);
+  stop(*daemon);
+}
+
+TEST_F(Daemon, RefusesToStartWithOneLineNamingWhatItCannotUse) {
+  // A directory where the database should be.
+  fs::create_directories(dir_ / "adir");
+  std::string line =
+      startFails({"--state-dir", stateDir().string(), "--database", (dir_ / "adir").string()});
+  EXPECT_EQ(line.rfind("qvuserinfod: database: ", 0), 0u) << line;
+  EXPECT_TRUE(contains(line, (dir_ / "adir").string())) << line;
+
+  // A damaged file: not a SQLite database.
+  const fs::path damaged = dir_ / "damaged.db";
+  std::ofstream(damaged) << std::string(8192, 'x');
+  line = startFails({"--state-dir", stateDir().string(), "--database", damaged.string()});
+  EXPECT_EQ(line.rfind("qvuserinfod: database: ", 0), 0u) << line;
+  EXPECT_TRUE(contains(line, damaged.string())) << line;
+
+  // A directory nobody may write into (skipped as root, who may write anywhere).
+  if (::geteuid() != 0) {
+    fs::create_directories(dir_ / "locked");
+    fs::permissions(dir_ / "locked", fs::perms::owner_read | fs::perms::owner_exec);
+    line = startFails({"--state-dir", stateDir().string(), "--database",
+                       (dir_ / "locked/knowledge.db").string()});
+    EXPECT_EQ(line.rfind("qvuserinfod: database: ", 0), 0u) << line;
+    fs::permissions(dir_ / "locked", fs::perms::owner_all);
+  }
+
+  // Nothing serves the directory it should join.
+  line = startFails({"--database", (dir_ / "k.db").string(), "--connect",
+                     "unix://" + (dir_ / "nobody.sock").string()});
+  EXPECT_EQ(line.rfind("qvuserinfod: connect: ", 0), 0u) << line;
+
+  // A runtime dir that others could enter.
+  fs::create_directories(dir_ / "run/qvuserinfo");
+  fs::permissions(dir_ / "run/qvuserinfo", fs::perms::owner_all | fs::perms::group_all);
+  line = startFails({"--database", (dir_ / "k.db").string()});
+  EXPECT_EQ(line.rfind("qvuserinfod: state directory: ", 0), 0u) << line;
+  EXPECT_TRUE(contains(line, "0770")) << line;
+}
+
+TEST_F(Daemon, RefusesAnEndpointItCannotBindAndBadUsageWithExitCodeTwo) {
+  auto first = start({"--state-dir", stateDir().string(), "--listen", "tcp://127.0.0.1:0"});
+  ASSERT_TRUE(first);
+  const std::string ready = *first->waitForLine("ready ", kLimit);
+  const std::string taken = ready.substr(std::string("ready ").size());
+  const std::string line =
+      startFails({"--state-dir", (dir_ / "other").string(), "--listen", taken});
+  EXPECT_EQ(line.rfind("qvuserinfod: listen: ", 0), 0u) << line;
+  stop(*first);
+
+  for (const std::vector<std::string>& bad :
+       {std::vector<std::string>{"--listen", socketUrl(), "--connect", socketUrl()},
+        {"--durability", "sometimes"},
+        {"--log", "loud"},
+        {"--no-such-flag"}}) {
+    const auto done = e2e::run(QV_DAEMON_PATH, bad, kLimit, env_);
+    EXPECT_EQ(done.exitCode, 2) << bad.front() << ": " << done.err;
+    EXPECT_FALSE(done.err.empty());
+  }
+  const auto help = e2e::run(QV_DAEMON_PATH, {"--help"}, kLimit, env_);
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_TRUE(contains(help.out, "--state-dir") && contains(help.out, "--no-user-session"))
+      << help.out;
+}
+
+TEST_F(Daemon, ListensOnTcpLoopbackAndPrintsTheChosenPort) {
+  auto daemon = start({"--state-dir", stateDir().string(), "--listen", "tcp://127.0.0.1:0",
+                       "--listen", socketUrl()});
+  ASSERT_TRUE(daemon);
+  const std::string ready = *daemon->waitForLine("ready ", kLimit);
+  const std::string prefix = "ready tcp://127.0.0.1:";
+  ASSERT_EQ(ready.rfind(prefix, 0), 0u) << ready;
+  const std::string tcp = ready.substr(6, ready.find(' ', 6) - 6);
+  EXPECT_NE(tcp, "tcp://127.0.0.1:0");
+  EXPECT_EQ(ready, "ready " + tcp + " " + socketUrl());
+  Client overTcp(tcp);
+  const int user = overTcp.createUser();
+  EXPECT_TRUE(overTcp.set(user, "name", "Grace"));
+  Client overUnix(socketUrl());
+  EXPECT_EQ(overUnix.get(user, "name"), "Grace");
+  stop(*daemon);
+}
+
+TEST_F(Daemon, LosesNoAcknowledgedWriteWhenStoppedDuringAStreamOfWrites) {
+  constexpr int kWriters = 4;
+  auto daemon = start();
+  ASSERT_TRUE(daemon);
+  std::vector<int> userOf(kWriters);
+  {
+    Client setup(socketUrl());
+    for (auto& user : userOf) {
+      user = setup.createUser();
+    }
+  }
+
+  std::mutex mutex;
+  std::condition_variable progressed;
+  int acknowledged = 0;                          // guarded by mutex
+  std::vector<int> acknowledgedBy(kWriters, 0);  // each writer's own count, read after join
+  std::vector<std::string> failures(kWriters);
+  std::vector<std::thread> writers;
+  for (int w = 0; w < kWriters; ++w) {
+    writers.emplace_back([&, w] {
+      Client client(socketUrl());
+      // Until the daemon refuses or goes: every write that returned true counts.
+      for (int n = 0;; ++n) {
+        try {
+          if (!client.set(userOf[w], "k" + std::to_string(n), "v" + std::to_string(n))) {
+            failures[w] = "refused a write while running";
+            return;
+          }
+        } catch (const std::exception&) {
+          return;  // stopped: refused or cut off, never acknowledged
+        }
+        acknowledgedBy[w] = n + 1;
+        std::lock_guard<std::mutex> lock(mutex);
+        ++acknowledged;
+        progressed.notify_all();
+      }
+    });
+  }
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    EXPECT_TRUE(progressed.wait_for(lock, kLimit, [&] { return acknowledged >= 40; }));
+  }
+  daemon->signal(SIGTERM);
+  for (auto& t : writers) {
+    t.join();
+  }
+  const auto code = daemon->waitExit(kLimit);
+  ASSERT_TRUE(code);
+  EXPECT_EQ(*code, 0) << daemon->err();
+  EXPECT_EQ(lines(daemon->out()).back(), "stopped");
+  expectNoSanitizerReport(daemon->err());
+  for (const auto& failure : failures) {
+    EXPECT_EQ(failure, "");
+  }
+
+  daemon = start();
+  ASSERT_TRUE(daemon);
+  Client client(socketUrl());
+  for (int w = 0; w < kWriters; ++w) {
+    for (int n = 0; n < acknowledgedBy[w]; ++n) {
+      ASSERT_EQ(client.get(userOf[w], "k" + std::to_string(n)), "v" + std::to_string(n))
+          << "writer " << w << " lost acknowledged write " << n << " of " << acknowledgedBy[w];
+    }
+  }
+  stop(*daemon);
+}
+
+TEST_F(Daemon, JoinsADirectoryServedElsewhereAndUsesItsUserSession) {
+  // Another process serves the directory and the user-session service.
+  auto host = ka::makeSession();
+  const std::string url = "unix://" + (dir_ / "host.sock").string();
+  host->listen(url).value(kCallMs);
+  QV::registerUserSessionService(host, (dir_ / "users.db").string()).value(kCallMs);
+
+  auto daemon =
+      start({"--connect", url, "--database", (dir_ / "joined.db").string(), "--no-user-session"});
+  ASSERT_TRUE(daemon);
+  EXPECT_TRUE(contains(daemon->out(), "connect: " + url + "\nuser session: external\n"))
+      << daemon->out();
+  EXPECT_EQ(lines(daemon->out()).back(), "ready connected " + url);
+  {
+    Client client(url);
+    const int user = client.createUser();
+    EXPECT_TRUE(client.set(user, "name", "Hedy"));
+    EXPECT_EQ(client.get(user, "name"), "Hedy");
+    ka::AnyObject knowledge = client.session->service("QVKnowledge").value(kCallMs);
+    EXPECT_FALSE(knowledge
+                     ->call<std::vector<std::vector<std::string>>>(
+                         "queryTriplet", "*", std::to_string(user), "name", "*")
+                     .empty());
+  }
+
+  // A second daemon joining the same directory would publish the same names: refused.
+  const std::string line = startFails(
+      {"--connect", url, "--database", (dir_ / "second.db").string(), "--no-user-session"});
+  EXPECT_EQ(line.rfind("qvuserinfod: publish QVKnowledge: ", 0), 0u) << line;
+
+  stop(*daemon);
+  host->close();
+}
+
+}  // namespace
