@@ -1,13 +1,12 @@
 // The front next to the real "QVUserSession", on its SQLite file, and a real in-memory knowledge
-// store, all on one session, driven by name by a client on another: the focused user and its
-// changes, unknown and deleted users, a user-session service that comes late or restarts, and
-// users created and deleted under concurrent reads and writes.
+// store, all on one session, driven by name by a client on another. Only what the test double of
+// front_test and front_session_test cannot show: the queued erasure of a deleted user's data,
+// ids and the focus across a restart of the user-session service, and users created and deleted
+// under concurrent reads and writes.
 
 #include "front_fixture.hpp"
 
 #include <ka/future.hpp>
-
-#include <QDate>
 
 #include <algorithm>
 #include <atomic>
@@ -22,11 +21,6 @@ namespace {
 
 using Ids = std::vector<int>;
 using Rows = std::vector<std::vector<std::string>>;
-
-LogLines noFocusLines() {
-  return {frontLine(ka::LogLevel::Error, "xGetFocusedUser", "There is no focused user"),
-          frontLine(ka::LogLevel::Error, "xCheckUser", "User -1 does not exists")};
-}
 
 LogLines unknownUserLines(int userId) {
   return {frontLine(ka::LogLevel::Error, "xCheckUser",
@@ -103,103 +97,9 @@ class RealSessionTest : public FrontTest {
   boost::shared_ptr<QV::UserSessionService> userSessionService;
 };
 
-// --- The focused user ------------------------------------------------------------------------
+// --- Deleted users --------------------------------------------------------------------------
 
-class RealSessionFocusTest : public RealSessionTest {
- protected:
-  void SetUp() override {
-    RealSessionTest::SetUp();
-    openUserSession();
-    startFront();
-    ann = createUser();
-    bo = createUser();
-    ASSERT_TRUE(focus(ann));
-    forget();
-  }
-
-  int ann = 0;
-  int bo = 0;
-};
-
-TEST_F(RealSessionFocusTest, CallsWithoutAnIdWriteReadAndRemoveTheFocusedUsersData) {
-  EXPECT_TRUE(call<bool>("_set", "name", text("Ann")));
-  EXPECT_EQ(read("name"), "s:Ann");
-  EXPECT_EQ(read(ann, "name"), "s:Ann");
-  EXPECT_EQ(read(bo, "name"), ":") << "the other user got the focused user's data";
-  EXPECT_TRUE(call<bool>("has", "name"));
-  EXPECT_TRUE(call<bool>("_remove", "name"));
-  EXPECT_FALSE(call<bool>("has", "name"));
-  EXPECT_FALSE(call<bool>("_remove", "name")) << "removing an absent datum succeeded";
-
-  EXPECT_EQ(edited(), (Emissions{{ann, "name", "s", "Ann"}}));
-  EXPECT_EQ(removed(), (Emissions{{ann, "name", "", ""}}));
-  EXPECT_EQ(logs(), (LogLines{userdata_test::storeLine(
-                        ka::LogLevel::Info, "remove",
-                        "The information name doesn't exist int the domain " + kOwnDomain)}));
-}
-
-TEST_F(RealSessionFocusTest, TheAgeFollowsTheFocusedUsersBirthDate) {
-  const int year = QDate::currentDate().year() - 30;
-  EXPECT_TRUE(call<bool>("_set", "birthyear", ka::AnyValue(year)));
-  EXPECT_TRUE(call<bool>("_set", "birthmonth", ka::AnyValue(1)));
-  EXPECT_TRUE(call<bool>("_set", "birthday", ka::AnyValue(1)));
-  EXPECT_EQ(read("age"), "i:30");
-
-  EXPECT_TRUE(call<bool>("_set", "birthyear", ka::AnyValue(year - 12)));
-  EXPECT_EQ(read("age"), "i:42") << "the age was not derived afresh";
-  EXPECT_EQ(read(bo, "age"), ":") << "a user without a birth date got an age";
-}
-
-TEST_F(RealSessionFocusTest, ChangingTheFocusRedirectsTheCallsWithoutAnId) {
-  ASSERT_TRUE(call<bool>("_set", "name", text("Ann")));
-  ASSERT_TRUE(focus(bo));
-  EXPECT_EQ(read("name"), ":");
-  EXPECT_TRUE(call<bool>("_set", "name", text("Bo")));
-  EXPECT_EQ(read("name"), "s:Bo");
-  EXPECT_EQ(read(ann, "name"), "s:Ann") << "the write went to the previously focused user";
-
-  ASSERT_TRUE(focus(ann));
-  EXPECT_TRUE(call<bool>("_remove", "name"));
-  EXPECT_EQ(read(bo, "name"), "s:Bo");
-  EXPECT_EQ(edited(), (Emissions{{ann, "name", "s", "Ann"}, {bo, "name", "s", "Bo"}}));
-  EXPECT_EQ(removed(), (Emissions{{ann, "name", "", ""}}));
-}
-
-TEST_F(RealSessionFocusTest, WithTheFocusClearedTheCallsWithoutAnIdAreRefused) {
-  ASSERT_TRUE(call<bool>("_set", "name", text("Ann")));
-  users()->call<void>("clearFocus");
-  forget();
-
-  EXPECT_EQ(read("name"), "v:");
-  EXPECT_EQ(logs(), noFocusLines());
-  forget();
-  EXPECT_FALSE(call<bool>("_set", "name", text("Nobody")));
-  EXPECT_EQ(logs(), noFocusLines());
-  forget();
-  EXPECT_FALSE(call<bool>("has", "name"));
-  EXPECT_EQ(logs(), noFocusLines());
-  forget();
-  EXPECT_FALSE(call<bool>("_remove", "name"));
-  EXPECT_EQ(logs(), noFocusLines());
-
-  EXPECT_EQ(read(ann, "name"), "s:Ann") << "a refused call changed the data";
-  EXPECT_EQ(edited(), (Emissions{{ann, "name", "s", "Ann"}}));
-  EXPECT_TRUE(removed().empty());
-}
-
-TEST_F(RealSessionFocusTest, DeletingTheFocusedUserLeavesNoFocusBehind) {
-  ASSERT_TRUE(call<bool>("_set", "name", text("Ann")));
-  ASSERT_TRUE(deleteUsers({ann}));
-  ASSERT_TRUE(waitUntilDataIsGone({ann}));
-  forget();
-  EXPECT_FALSE(call<bool>("_set", "name", text("Ghost")));
-  EXPECT_EQ(logs(), noFocusLines());
-  EXPECT_TRUE(rowsOf(ann).empty()) << "a write reached the deleted user";
-}
-
-// --- Unknown and deleted users ---------------------------------------------------------------
-
-class RealSessionUnknownUserTest : public RealSessionTest {
+class RealSessionDeletionTest : public RealSessionTest {
  protected:
   void SetUp() override {
     RealSessionTest::SetUp();
@@ -208,23 +108,7 @@ class RealSessionUnknownUserTest : public RealSessionTest {
   }
 };
 
-TEST_F(RealSessionUnknownUserTest, AnIdNeverHandedOutIsRefusedWithoutTouchingTheStore) {
-  const int known = createUser();
-  const int unknown = known + 1;
-  forget();
-  EXPECT_EQ(read(unknown, "name"), "v:");
-  EXPECT_FALSE(call<bool>("_set", unknown, "name", text("Nobody")));
-  EXPECT_FALSE(call<bool>("has", unknown, "name"));
-  EXPECT_FALSE(call<bool>("_remove", unknown, "name"));
-  const LogLine line = unknownUserLines(unknown).front();
-  EXPECT_EQ(logs(), (LogLines{line, line, line, line}));
-  EXPECT_TRUE(rowsOf(unknown).empty());
-  EXPECT_TRUE(edited().empty());
-  EXPECT_TRUE(removed().empty());
-  EXPECT_EQ(createUser(), unknown) << "the refusals created the user";
-}
-
-TEST_F(RealSessionUnknownUserTest, DeletingAUserErasesItsDataSilentlyButSparesThePhotoStorage) {
+TEST_F(RealSessionDeletionTest, DeletingAUserErasesItsDataSilentlyButSparesThePhotoStorage) {
   const int gone = createUser();
   const int kept = createUser();
   ASSERT_TRUE(call<bool>("_set", gone, "name", text("Gone")));
@@ -248,26 +132,9 @@ TEST_F(RealSessionUnknownUserTest, DeletingAUserErasesItsDataSilentlyButSparesTh
   EXPECT_EQ(rowsOutsidePhotoStorage(gone), Rows{});
 }
 
-// --- A user-session service that comes late or restarts --------------------------------------
+// --- A user-session service that restarts --------------------------------------
 
 class RealSessionRestartTest : public RealSessionTest {};
-
-TEST_F(RealSessionRestartTest, AServicePublishedAfterTheFrontIsFollowed) {
-  startFront();
-  EXPECT_FALSE(call<bool>("has", "name"));
-  EXPECT_EQ(logs(), serviceAbsentLines());
-
-  openUserSession();
-  const int user = createUser();
-  ASSERT_TRUE(focus(user));
-  forget();
-  EXPECT_TRUE(call<bool>("_set", "name", text("Late")));
-  EXPECT_EQ(read(user, "name"), "s:Late");
-  EXPECT_TRUE(logs().empty());
-
-  ASSERT_TRUE(deleteUsers({user}));
-  EXPECT_TRUE(waitUntilDataIsGone({user})) << "the front did not subscribe to the late service";
-}
 
 TEST_F(RealSessionRestartTest, AFreshInstanceOnTheSameFileIsFollowedAndHandsOutNoIdAgain) {
   openUserSession();

@@ -1,12 +1,9 @@
-// Behaviour of QV::TripletStore: the semantics of each call, byte exactness, durability, the
-// refusal of files that are not stores, concurrent reads and the query plans.
+// Behaviour of QV::TripletStore: the semantics of each call, byte exactness, durability,
+// concurrent reads and the query plans. Opening and refusing files: store_open_test.
 
 #include "qvknowledge/triplet_store.hpp"
 
-#include <fcntl.h>
-#include <linux/fs.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +15,6 @@
 #include <fstream>
 #include <functional>
 #include <future>
-#include <iterator>
 #include <map>
 #include <random>
 #include <string>
@@ -35,7 +31,6 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 using QV::Durability;
-using QV::KnowledgeStoreError;
 using QV::TripletStore;
 using QV::TripletStoreOptions;
 using ::testing::HasSubstr;
@@ -43,21 +38,6 @@ using Objects = std::vector<std::string>;
 using Rows = std::vector<std::vector<std::string>>;
 
 constexpr auto kHangLimit = 60s;
-
-std::string readBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// The text of the error opening `path` gives, or "" if it opens.
-std::string openError(const std::string& path) {
-  try {
-    TripletStore store(path);
-  } catch (const KnowledgeStoreError& error) {
-    return error.what();
-  }
-  return "";
-}
 
 void fill(TripletStore& store, const Rows& rows) {
   for (const auto& row : rows) {
@@ -330,98 +310,6 @@ TEST_F(Durable, LosesNoAcknowledgedWriteWhenTheProcessIsKilled) {
   // The writes were never checkpointed: they survive in the WAL only.
   ASSERT_GT(fs::file_size(path + "-wal"), 0u);
   EXPECT_EQ(all(TripletStore(path)), kSampleAfterWrites);
-}
-
-// Every refused file must be left exactly as it was.
-using RefusedFile = FileStore;
-
-void expectRefused(const std::string& path, const std::string& reason) {
-  const std::string before = readBytes(path);
-  const std::string error = openError(path);
-  EXPECT_THAT(error, HasSubstr("'" + path + "'"));
-  EXPECT_THAT(error, HasSubstr(reason));
-  EXPECT_EQ(readBytes(path), before) << "the refused file was modified";
-}
-
-TEST_F(RefusedFile, RandomBytesAreNotADatabase) {
-  std::string bytes(8192, '\0');
-  std::generate(bytes.begin(), bytes.end(), std::mt19937(7));
-  std::ofstream(path, std::ios::binary) << bytes;
-  expectRefused(path, "not a SQLite database");
-}
-
-TEST_F(RefusedFile, ADatabaseOfANewerSchemaVersionOrOfAnotherApplication) {
-  const struct {
-    bool startAsStore;
-    std::string sql, reason;
-  } cases[] = {
-      {true, "PRAGMA user_version = 99", "schema version 99 is newer"},
-      {false, "CREATE TABLE contacts (name TEXT); INSERT INTO contacts VALUES ('alice')",
-       "belongs to another application (it holds contacts)"},
-      {false, "PRAGMA application_id = 42", "application_id 0x0000002A"},
-  };
-  int index = 0;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.sql);
-    const std::string db = file("case" + std::to_string(index++) + ".db");
-    if (c.startAsStore) {
-      TripletStore(db).add("users", "alice", "email", "a@x");
-    }
-    SQLite::Database(db, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE).exec(c.sql);
-    expectRefused(db, c.reason);
-  }
-}
-
-// Sets or clears the immutable attribute, which keeps even root from writing the file.
-bool setImmutable(const std::string& path, bool immutable) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  int flags = 0;
-  bool done = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-  flags = immutable ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-  done = done && ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-  if (fd >= 0) {
-    ::close(fd);
-  }
-  return done;
-}
-
-TEST_F(RefusedFile, AFileThatCannotBeWritten) {
-  TripletStore(path).add("users", "alice", "email", "a@x");
-  if (!setImmutable(path, true)) {
-    GTEST_SKIP() << "cannot make a file immutable here (needs CAP_LINUX_IMMUTABLE and ext4-like "
-                    "attributes), and root writes any file whatever its mode";
-  }
-  struct Unlock {
-    std::string path;
-    ~Unlock() { setImmutable(path, false); }
-  } unlock{path};
-  expectRefused(path, "cannot be written");
-}
-
-TEST_F(RefusedFile, APathInAMissingDirectoryOrAnEmptyPath) {
-  const std::string missing = file("missing/knowledge.db");
-  EXPECT_THAT(openError(missing), HasSubstr("'" + missing + "': cannot open"));
-  EXPECT_FALSE(fs::exists(missing));
-  EXPECT_THAT(openError(""), HasSubstr("the path is empty"));
-}
-
-using FailedCall = FileStore;
-
-TEST_F(FailedCall, ReportsAWriteThatCannotTakeTheLockAndLeavesTheStoreUsable) {
-  TripletStoreOptions options;
-  options.busyTimeout = 20ms;
-  TripletStore store(path, options);
-  store.update("users", "alice", "email", "a@x");
-  SQLite::Database other(path, SQLite::OPEN_READWRITE);
-  other.exec("BEGIN IMMEDIATE");
-  EXPECT_THAT([&] { store.update("users", "alice", "email", "new@x"); },
-              ::testing::ThrowsMessage<KnowledgeStoreError>(
-                  HasSubstr("'" + path + "': update failed: database is locked")));
-  // Readers are not blocked by a writer.
-  EXPECT_EQ(store.getObject("users", "alice", "email"), Objects{"a@x"});
-  other.exec("ROLLBACK");
-  store.update("users", "alice", "email", "new@x");
-  EXPECT_EQ(store.getObject("users", "alice", "email"), Objects{"new@x"});
 }
 
 using ConcurrentReads = FileStore;
