@@ -49,7 +49,13 @@ class Connection {
     } catch (const ka::FutureTimeoutError&) {
       throw CallError(prefix + "no answer within " + seconds(settings.timeoutSeconds));
     } catch (const std::exception& e) {
-      throw CallError(prefix + e.what());
+      // The transport's own text repeats the url; the reason is what is left.
+      std::string reason = e.what();
+      const std::string repeated = "cannot connect to " + settings.url + ": ";
+      if (reason.compare(0, repeated.size(), repeated) == 0) {
+        reason.erase(0, repeated.size());
+      }
+      throw CallError(prefix + reason);
     }
   }
   ~Connection() { _session->close(); }
@@ -232,7 +238,8 @@ void runWatch(const Settings& settings, const std::string& target, std::optional
     output->closed = true;
   }
   if (lost) {
-    throw CallError("connection to " + settings.url + " lost");
+    // The middleware's own wording, as for a call that loses its connection.
+    throw CallError("Connection lost to " + settings.url);
   }
 }
 
