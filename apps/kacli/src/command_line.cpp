@@ -4,6 +4,8 @@
 
 #include <appcommon/default_url.hpp>
 
+#include <ka/log.hpp>
+
 #include <CLI/CLI.hpp>
 
 #include <signal.h>
@@ -153,6 +155,9 @@ int runCommandLine(int argc, const char* const* argv, std::ostream& out, std::os
     return kExitUsage;
   }
 
+  // Every failure reaches the user as the one line below; the middleware's own log lines (a
+  // refused connection, a lost peer) would only repeat it.
+  ka::log::setVerbosity(ka::LogLevel::Silent);
   try {
     if (!(settings.timeoutSeconds > 0)) {
       throw UsageError("--timeout: expected a positive number of seconds, got " +

@@ -238,6 +238,19 @@ TEST_F(KacliAgainstAServedSession, NoDaemonIsOneLineNamingTheUrl) {
   expectFailure(f, 1, "kacli: no daemon at " + missing + ": No such file or directory");
 }
 
+TEST_F(KacliAgainstAServedSession, TheTokenIsPresentedToAnEndpointThatWantsOne) {
+  ka::EndpointOptions options;
+  options.token = "s3cret";
+  const std::string guarded = "unix://" + (dir.path / "guarded.sock").string();
+  server->listen(guarded, options).value(kWaitMs);
+  const Finished with =
+      kaclitest::run(KACLI_PROGRAM, {"--url", guarded, "--token", "s3cret", "services"});
+  expectOk(with, "ServiceDirectory\nProbe\n");
+  const Finished without = kaclitest::run(KACLI_PROGRAM, {"--url", guarded, "services"});
+  EXPECT_EQ(without.code, 1);
+  EXPECT_EQ(without.err.rfind("kacli: no daemon at " + guarded + ": ", 0), 0u) << without.err;
+}
+
 TEST_F(KacliAgainstAServedSession, TheUrlComesFromQvUrlThenFromTheCheckoutSocket) {
   Finished f = kaclitest::run(KACLI_PROGRAM, {"services"}, {{"QV_URL", url}});
   expectOk(f, "ServiceDirectory\nProbe\n");
