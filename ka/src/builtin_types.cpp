@@ -102,18 +102,18 @@ class DynamicTypeImpl : public StorageImpl<AnyValue, DynamicTypeInterface> {
 }  // namespace
 
 const TypeInterface* voidType() {
-  static const VoidTypeImpl impl;
-  return &impl;
+  static const Immortal<VoidTypeImpl> impl;
+  return &impl.value;
 }
 
 const TypeInterface* stringType() {
-  static const StringTypeImpl impl;
-  return &impl;
+  static const Immortal<StringTypeImpl> impl;
+  return &impl.value;
 }
 
 const TypeInterface* dynamicType() {
-  static const DynamicTypeImpl impl;
-  return &impl;
+  static const Immortal<DynamicTypeImpl> impl;
+  return &impl.value;
 }
 
 }  // namespace detail

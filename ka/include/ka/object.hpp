@@ -98,8 +98,8 @@ class ObjectTypeImpl : public StorageImpl<Object<T>, ObjectTypeInterface> {
 template <typename T>
 struct TypeOf<Object<T>> {
   static const TypeInterface* get() {
-    static const ObjectTypeImpl<T> impl;
-    return &impl;
+    static const Immortal<ObjectTypeImpl<T>> impl;
+    return &impl.value;
   }
 };
 

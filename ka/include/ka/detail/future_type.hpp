@@ -44,8 +44,8 @@ class FutureTypeImpl : public UnknownTypeImpl<Future<T>>, public FutureResultTyp
 template <typename T>
 struct TypeOf<Future<T>> {
   static const TypeInterface* get() {
-    static const FutureTypeImpl<T> impl;
-    return &impl;
+    static const Immortal<FutureTypeImpl<T>> impl;
+    return &impl.value;
   }
 };
 

@@ -22,6 +22,17 @@ const TypeInterface* typeOf();
 
 namespace detail {
 
+// Holds a type description that is never destroyed. Values are destroyed by threads of the event
+// loop until it stops at exit, which comes after the destructors of every static constructed
+// later than the loop's start: a description among those would be gone while a value still
+// needs it.
+template <typename T>
+union Immortal {
+  Immortal() : value() {}
+  ~Immortal() {}
+  T value;
+};
+
 KA_API std::runtime_error notDefaultConstructible(const std::type_info& info);
 KA_API std::runtime_error notCopyable(const std::type_info& info);
 
@@ -228,8 +239,8 @@ KA_API const TypeInterface* dynamicType();
 template <typename T, typename Enable = void>
 struct TypeOf {
   static const TypeInterface* get() {
-    static const UnknownTypeImpl<T> impl;
-    return &impl;
+    static const Immortal<UnknownTypeImpl<T>> impl;
+    return &impl.value;
   }
 };
 
@@ -251,48 +262,48 @@ struct TypeOf<AnyValue> {
 template <typename T>
 struct TypeOf<T, std::enable_if_t<std::is_integral<T>::value>> {
   static const TypeInterface* get() {
-    static const IntTypeImpl<T> impl;
-    return &impl;
+    static const Immortal<IntTypeImpl<T>> impl;
+    return &impl.value;
   }
 };
 
 template <typename T>
 struct TypeOf<T, std::enable_if_t<std::is_floating_point<T>::value>> {
   static const TypeInterface* get() {
-    static const FloatTypeImpl<T> impl;
-    return &impl;
+    static const Immortal<FloatTypeImpl<T>> impl;
+    return &impl.value;
   }
 };
 
 template <typename E, typename A>
 struct TypeOf<std::vector<E, A>> {
   static const TypeInterface* get() {
-    static const ListTypeImpl<std::vector<E, A>> impl;
-    return &impl;
+    static const Immortal<ListTypeImpl<std::vector<E, A>>> impl;
+    return &impl.value;
   }
 };
 
 template <typename K, typename V, typename C, typename A>
 struct TypeOf<std::map<K, V, C, A>> {
   static const TypeInterface* get() {
-    static const MapTypeImpl<std::map<K, V, C, A>> impl;
-    return &impl;
+    static const Immortal<MapTypeImpl<std::map<K, V, C, A>>> impl;
+    return &impl.value;
   }
 };
 
 template <typename... T>
 struct TypeOf<std::tuple<T...>> {
   static const TypeInterface* get() {
-    static const TupleTypeImpl<std::tuple<T...>> impl;
-    return &impl;
+    static const Immortal<TupleTypeImpl<std::tuple<T...>>> impl;
+    return &impl.value;
   }
 };
 
 template <typename A, typename B>
 struct TypeOf<std::pair<A, B>> {
   static const TypeInterface* get() {
-    static const TupleTypeImpl<std::pair<A, B>> impl;
-    return &impl;
+    static const Immortal<TupleTypeImpl<std::pair<A, B>>> impl;
+    return &impl.value;
   }
 };
 
