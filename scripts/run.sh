@@ -7,5 +7,5 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake -S . -B build-run -G Ninja -DCMAKE_BUILD_TYPE=Release -DQV_BUILD_TESTS=OFF \
   -DQV_BUILD_BENCH=OFF >/dev/null
-cmake --build build-run -j "$(nproc)" --target qvuserinfod
+cmake --build build-run -j "$(nproc)" --target qvuserinfod kacli
 exec build-run/apps/qvuserinfod/qvuserinfod --state-dir ./var "$@"

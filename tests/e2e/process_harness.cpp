@@ -56,7 +56,7 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }  // namespace
 
 Process::Process(const std::string& program, const std::vector<std::string>& args,
-                 const std::map<std::string, std::string>& env) {
+                 const std::map<std::string, std::string>& env, const std::string& cwd) {
   Pipe out;
   Pipe err;
   posix_spawn_file_actions_t actions;
@@ -64,6 +64,9 @@ Process::Process(const std::string& program, const std::vector<std::string>& arg
   posix_spawn_file_actions_adddup2(&actions, out.write, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err.write, STDERR_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (!cwd.empty()) {
+    posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
+  }
   // The child starts with no signal blocked, whatever the test's threads block.
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
@@ -180,8 +183,8 @@ std::string Process::err() const {
 }
 
 Finished run(const std::string& program, const std::vector<std::string>& args, Millis limit,
-             const std::map<std::string, std::string>& env) {
-  Process process(program, args, env);
+             const std::map<std::string, std::string>& env, const std::string& cwd) {
+  Process process(program, args, env, cwd);
   Finished finished;
   const auto code = process.waitExit(limit);
   finished.exitCode = code ? *code : -1;

@@ -21,9 +21,10 @@ using Millis = std::chrono::milliseconds;
 class Process {
  public:
   // Starts `program` with `args` (argv[0] is the program) and the test's environment plus
-  // `env` (which overrides). Throws std::runtime_error when it cannot be spawned.
+  // `env` (which overrides), in the directory `cwd` (empty: the test's own). Throws
+  // std::runtime_error when it cannot be spawned.
   Process(const std::string& program, const std::vector<std::string>& args,
-          const std::map<std::string, std::string>& env = {});
+          const std::map<std::string, std::string>& env = {}, const std::string& cwd = "");
   // Kills the child (SIGKILL) if it still runs, reaps it and joins the readers.
   ~Process();
   Process(const Process&) = delete;
@@ -65,6 +66,6 @@ struct Finished {
   std::string err;
 };
 Finished run(const std::string& program, const std::vector<std::string>& args, Millis limit,
-             const std::map<std::string, std::string>& env = {});
+             const std::map<std::string, std::string>& env = {}, const std::string& cwd = "");
 
 }  // namespace e2e

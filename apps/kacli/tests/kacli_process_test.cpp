@@ -1,7 +1,7 @@
 // The kacli program against a middleware served by this test on a temporary unix socket: what a
 // user sees on stdout and stderr, and the exit codes, for each command and failure.
 
-#include "child_process.hpp"
+#include "process_harness.hpp"
 
 #include <ka/future.hpp>
 #include <ka/objecttypebuilder.hpp>
@@ -26,9 +26,11 @@
 
 namespace {
 
-using kaclitest::ChildProcess;
-using kaclitest::Finished;
+using e2e::Finished;
 using namespace std::chrono_literals;
+
+// Every kacli run ends well within this, or the test fails instead of hanging.
+constexpr auto kRunLimit = 30s;
 
 constexpr auto kWait = 20s;
 constexpr int kWaitMs = 20000;
@@ -127,7 +129,7 @@ class KacliAgainstAServedSession : public ::testing::Test {
   Finished kacli(const std::vector<std::string>& args) {
     std::vector<std::string> all{"--url", url};
     all.insert(all.end(), args.begin(), args.end());
-    return kaclitest::run(KACLI_PROGRAM, all);
+    return e2e::run(KACLI_PROGRAM, all, kRunLimit);
   }
 
   TempDir dir;
@@ -138,13 +140,13 @@ class KacliAgainstAServedSession : public ::testing::Test {
 };
 
 void expectOk(const Finished& f, const std::string& out) {
-  EXPECT_EQ(f.code, 0) << f.err;
+  EXPECT_EQ(f.exitCode, 0) << f.err;
   EXPECT_EQ(f.out, out);
   EXPECT_EQ(f.err, "");
 }
 
 void expectFailure(const Finished& f, int code, const std::string& errLine) {
-  EXPECT_EQ(f.code, code);
+  EXPECT_EQ(f.exitCode, code);
   EXPECT_EQ(f.out, "");
   EXPECT_EQ(f.err, errLine + "\n");
 }
@@ -234,7 +236,7 @@ TEST_F(KacliAgainstAServedSession, FailuresPrintOneLineAndExitOneForCallsAndTwoF
 
 TEST_F(KacliAgainstAServedSession, NoDaemonIsOneLineNamingTheUrl) {
   const std::string missing = "unix://" + (dir.path / "none.sock").string();
-  const Finished f = kaclitest::run(KACLI_PROGRAM, {"--url", missing, "services"});
+  const Finished f = e2e::run(KACLI_PROGRAM, {"--url", missing, "services"}, kRunLimit);
   expectFailure(f, 1, "kacli: no daemon at " + missing + ": No such file or directory");
 }
 
@@ -244,23 +246,23 @@ TEST_F(KacliAgainstAServedSession, TheTokenIsPresentedToAnEndpointThatWantsOne) 
   const std::string guarded = "unix://" + (dir.path / "guarded.sock").string();
   server->listen(guarded, options).value(kWaitMs);
   const Finished with =
-      kaclitest::run(KACLI_PROGRAM, {"--url", guarded, "--token", "s3cret", "services"});
+      e2e::run(KACLI_PROGRAM, {"--url", guarded, "--token", "s3cret", "services"}, kRunLimit);
   expectOk(with, "ServiceDirectory\nProbe\n");
-  const Finished without = kaclitest::run(KACLI_PROGRAM, {"--url", guarded, "services"});
-  EXPECT_EQ(without.code, 1);
+  const Finished without = e2e::run(KACLI_PROGRAM, {"--url", guarded, "services"}, kRunLimit);
+  EXPECT_EQ(without.exitCode, 1);
   EXPECT_EQ(without.err.rfind("kacli: no daemon at " + guarded + ": ", 0), 0u) << without.err;
 }
 
 TEST_F(KacliAgainstAServedSession, TheUrlComesFromQvUrlThenFromTheCheckoutSocket) {
-  Finished f = kaclitest::run(KACLI_PROGRAM, {"services"}, {{"QV_URL", url}});
+  Finished f = e2e::run(KACLI_PROGRAM, {"services"}, kRunLimit, {{"QV_URL", url}});
   expectOk(f, "ServiceDirectory\nProbe\n");
   // Without QV_URL, a socket at ./var/qvuserinfod.sock of the working directory is the one.
-  f = kaclitest::run(KACLI_PROGRAM, {"services"}, {{"QV_URL", ""}}, dir.path.string());
+  f = e2e::run(KACLI_PROGRAM, {"services"}, kRunLimit, {{"QV_URL", ""}}, dir.path.string());
   expectOk(f, "ServiceDirectory\nProbe\n");
 }
 
 TEST_F(KacliAgainstAServedSession, WatchWithACountPrintsThatManyEventsAndExits) {
-  ChildProcess watcher(KACLI_PROGRAM, {"--url", url, "watch", "Probe.ticked", "--count", "2"});
+  e2e::Process watcher(KACLI_PROGRAM, {"--url", url, "watch", "Probe.ticked", "--count", "2"});
   ASSERT_TRUE(probe->subscriptions.waitFor(true));
   probe->ticked(1, "one");
   probe->ticked(2, "two \"quoted\"");
@@ -272,7 +274,7 @@ TEST_F(KacliAgainstAServedSession, WatchWithACountPrintsThatManyEventsAndExits) 
 }
 
 TEST_F(KacliAgainstAServedSession, WatchPrintsEachEventAtOnceAndStopsCleanlyOnSigint) {
-  ChildProcess watcher(KACLI_PROGRAM, {"--url", url, "--signature", "watch", "Probe.ticked"});
+  e2e::Process watcher(KACLI_PROGRAM, {"--url", url, "--signature", "watch", "Probe.ticked"});
   ASSERT_TRUE(probe->subscriptions.waitFor(true));
   probe->ticked(7, "seven");
   // The line reaches the pipe while the watcher still runs: it is flushed per event.
@@ -284,7 +286,7 @@ TEST_F(KacliAgainstAServedSession, WatchPrintsEachEventAtOnceAndStopsCleanlyOnSi
 }
 
 TEST_F(KacliAgainstAServedSession, WatchEndsWithAnErrorWhenTheDaemonGoes) {
-  ChildProcess watcher(KACLI_PROGRAM, {"--url", url, "watch", "Probe.ticked"});
+  e2e::Process watcher(KACLI_PROGRAM, {"--url", url, "watch", "Probe.ticked"});
   ASSERT_TRUE(probe->subscriptions.waitFor(true));
   server->close();
   EXPECT_EQ(watcher.waitExit(kWait), 1);
