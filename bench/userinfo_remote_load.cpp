@@ -117,7 +117,13 @@ class CountingRelay {
       if (client_ < 0) {
         return;
       }
-      server_ = connectUnix(upstreamPath);
+      try {
+        server_ = connectUnix(upstreamPath);
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "userinfo_remote_load: relay: %s\n", e.what());
+        ::shutdown(client_, SHUT_RDWR);
+        return;
+      }
       toServer_ = std::thread([this] { pump(client_, server_, up); });
       pump(server_, client_, down);
     });
