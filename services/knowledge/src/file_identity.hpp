@@ -3,24 +3,14 @@
 // use it as a store: the same judgement for the read-only inspection and the read-write open.
 
 #include <string>
-#include <vector>
 
 #include <SQLiteCpp/Database.h>
 
+#include "schema_identity.hpp"
+
 namespace QV::detail {
 
-struct FileIdentity {
-  int applicationId = 0;
-  int userVersion = 0;
-  std::vector<std::string> objects;  // tables, indexes, views, triggers not internal to SQLite
-};
-
 enum class Verdict { Empty, CurrentStore };
-
-// Reads the identity in one read transaction (or in the caller's, if `db` is inside one), so that
-// a store another process creates meanwhile is seen either before or after, never half made.
-// Throws the SQLite::Exception of a failed read.
-FileIdentity readIdentity(SQLite::Database& db);
 
 // Empty database or store of this schema version; throws KnowledgeStoreError naming `path` for
 // anything else.

@@ -1,10 +1,10 @@
 #include "user_store.hpp"
 
 #include "busy_wait.hpp"
+#include "schema_identity.hpp"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <limits>
 #include <mutex>
 #include <set>
@@ -35,50 +35,13 @@ UserSessionError callFailed(const std::string& path, const char* operation,
 constexpr const char* kUsersTable = "users";
 constexpr const char* kFocusTable = "focus";
 
-struct Identity {
-  int applicationId = 0;
-  int userVersion = 0;
-  std::vector<std::string> objects;  // tables, indexes, views, triggers not internal to SQLite
-};
-
 enum class Verdict { Empty, Ours };
-
-Identity readIdentityHere(SQLite::Database& db) {
-  Identity identity;
-  identity.applicationId = db.execAndGet("PRAGMA application_id").getInt();
-  identity.userVersion = db.execAndGet("PRAGMA user_version").getInt();
-  SQLite::Statement list(db,
-                         "SELECT name FROM sqlite_master WHERE name NOT LIKE 'sqlite\\_%' "
-                         "ESCAPE '\\' ORDER BY name");
-  while (list.executeStep()) {
-    identity.objects.push_back(list.getColumn(0).getString());
-  }
-  return identity;
-}
-
-// In one read transaction (or the caller's), so that a schema another process creates meanwhile
-// is seen whole or not at all.
-Identity readIdentity(SQLite::Database& db) {
-  if (sqlite3_get_autocommit(db.getHandle()) == 0) {
-    return readIdentityHere(db);
-  }
-  SQLite::Transaction transaction(db);
-  Identity identity = readIdentityHere(db);
-  transaction.commit();
-  return identity;
-}
-
-std::string hex(int value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(value));
-  return text;
-}
 
 bool holds(const std::vector<std::string>& objects, const char* name) {
   return std::find(objects.begin(), objects.end(), name) != objects.end();
 }
 
-Verdict judge(const Identity& identity, const std::string& path) {
+Verdict judge(const FileIdentity& identity, const std::string& path) {
   if (identity.applicationId == kUserSessionApplicationId) {
     if (identity.userVersion > kUserSessionSchemaVersion) {
       throw storeError(path, "schema version " + std::to_string(identity.userVersion) +
@@ -100,22 +63,11 @@ Verdict judge(const Identity& identity, const std::string& path) {
   if (identity.applicationId == kKnowledgeApplicationId) {
     throw storeError(path,
                      "the file is a knowledge store, not a user session store (application_id " +
-                         hex(identity.applicationId) + ")");
+                         hexApplicationId(identity.applicationId) + ")");
   }
-  if (identity.applicationId != 0) {
-    throw storeError(path, "the database belongs to another application (application_id " +
-                               hex(identity.applicationId) + ")");
-  }
-  if (!identity.objects.empty()) {
-    std::string names;
-    for (const auto& name : identity.objects) {
-      names += (names.empty() ? "" : ", ") + name;
-    }
-    throw storeError(path, "the database belongs to another application (it holds " + names + ")");
-  }
-  if (identity.userVersion != 0) {
-    throw storeError(path, "the database belongs to another application (user_version " +
-                               std::to_string(identity.userVersion) + ")");
+  const std::string foreign = foreignOwnerReason(identity);
+  if (!foreign.empty()) {
+    throw storeError(path, foreign);
   }
   return Verdict::Empty;
 }
