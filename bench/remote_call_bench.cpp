@@ -9,26 +9,20 @@
 #include <ka/dynamicobjectbuilder.hpp>
 #include <ka/session.hpp>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
-using Clock = std::chrono::steady_clock;
+#include "bench_timing.hpp"
 
 namespace {
+
+using bench::Budget;
+using bench::Result;
 
 // The text echoed: with the call's header, object, method and signature fields it makes a
 // request frame of kFrameBytes bytes on the wire.
@@ -36,164 +30,6 @@ const std::string kPayload(64, 'p');
 // 16-byte header + msgpack [2, uid, "(s)", ["<64 bytes>"]] (74 bytes); the reply is a
 // few bytes shorter. The floor exchanges this many bytes each way.
 constexpr std::size_t kFrameBytes = 90;
-
-struct Result {
-  double p50Us = 0;
-  double p99Us = 0;
-  double perSecond = 0;
-};
-
-// Runs `threads` threads doing `count` round trips in all; roundTrip(thread) does one.
-template <typename RoundTrip>
-Result measure(int count, int threads, RoundTrip&& roundTrip) {
-  for (int t = 0; t < threads; ++t) {
-    for (int i = 0; i < 200; ++i) {
-      roundTrip(t);  // warm up
-    }
-  }
-  std::vector<std::vector<double>> perThread(static_cast<std::size_t>(threads));
-  const int each = count / threads;
-  const auto start = Clock::now();
-  std::vector<std::thread> workers;
-  for (int t = 0; t < threads; ++t) {
-    workers.emplace_back([&, t] {
-      auto& mine = perThread[static_cast<std::size_t>(t)];
-      mine.reserve(static_cast<std::size_t>(each));
-      for (int i = 0; i < each; ++i) {
-        const auto before = Clock::now();
-        roundTrip(t);
-        mine.push_back(std::chrono::duration<double, std::micro>(Clock::now() - before).count());
-      }
-    });
-  }
-  for (auto& w : workers) {
-    w.join();
-  }
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  std::vector<double> all;
-  for (auto& v : perThread) {
-    all.insert(all.end(), v.begin(), v.end());
-  }
-  std::sort(all.begin(), all.end());
-  return Result{all[all.size() / 2], all[all.size() * 99 / 100],
-                static_cast<double>(all.size()) / seconds};
-}
-
-void check(bool ok, const char* what) {
-  if (!ok) {
-    throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
-  }
-}
-
-void exchange(int fd, char* buffer, bool writeFirst) {
-  auto writeAll = [&] {
-    std::size_t done = 0;
-    while (done < kFrameBytes) {
-      const ssize_t n = ::write(fd, buffer + done, kFrameBytes - done);
-      check(n > 0, "write");
-      done += static_cast<std::size_t>(n);
-    }
-  };
-  auto readAll = [&] {
-    std::size_t done = 0;
-    while (done < kFrameBytes) {
-      const ssize_t n = ::read(fd, buffer + done, kFrameBytes - done);
-      check(n > 0, "read");
-      done += static_cast<std::size_t>(n);
-    }
-  };
-  if (writeFirst) {
-    writeAll();
-    readAll();
-  } else {
-    readAll();
-    writeAll();
-  }
-}
-
-// A connected pair of sockets of the kind, with TCP_NODELAY for TCP.
-std::pair<int, int> socketPair(bool tcp, const std::string& path) {
-  const int listener = ::socket(tcp ? AF_INET : AF_UNIX, SOCK_STREAM, 0);
-  check(listener >= 0, "socket");
-  sockaddr_storage address{};
-  socklen_t length = 0;
-  if (tcp) {
-    auto* in = reinterpret_cast<sockaddr_in*>(&address);
-    in->sin_family = AF_INET;
-    in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    length = sizeof(sockaddr_in);
-  } else {
-    auto* un = reinterpret_cast<sockaddr_un*>(&address);
-    un->sun_family = AF_UNIX;
-    std::strncpy(un->sun_path, path.c_str(), sizeof(un->sun_path) - 1);
-    ::unlink(path.c_str());
-    length = sizeof(sockaddr_un);
-  }
-  check(::bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0, "bind");
-  check(::listen(listener, 1) == 0, "listen");
-  check(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) == 0, "name");
-  const int client = ::socket(tcp ? AF_INET : AF_UNIX, SOCK_STREAM, 0);
-  check(::connect(client, reinterpret_cast<sockaddr*>(&address), length) == 0, "connect");
-  const int server = ::accept(listener, nullptr, nullptr);
-  check(server >= 0, "accept");
-  ::close(listener);
-  if (!tcp) {
-    ::unlink(path.c_str());
-  }
-  if (tcp) {
-    const int one = 1;
-    ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    ::setsockopt(server, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-  }
-  return {client, server};
-}
-
-// The floor: `threads` socket pairs, each with an echoing thread.
-Result floorPingPong(bool tcp, int threads, int count) {
-  struct Pair {
-    int client;
-    int server;
-    std::thread echo;
-  };
-  std::vector<Pair> pairs;
-  for (int t = 0; t < threads; ++t) {
-    auto fds = socketPair(tcp, "/tmp/ka-remote-bench-floor-" + std::to_string(::getpid()) + "-" +
-                                   std::to_string(t) + ".sock");
-    pairs.push_back(Pair{fds.first, fds.second, {}});
-  }
-  for (auto& p : pairs) {
-    const int fd = p.server;
-    p.echo = std::thread([fd] {
-      char buffer[kFrameBytes];
-      for (;;) {
-        std::size_t done = 0;
-        while (done < kFrameBytes) {
-          const ssize_t n = ::read(fd, buffer + done, kFrameBytes - done);
-          if (n <= 0) {
-            return;
-          }
-          done += static_cast<std::size_t>(n);
-        }
-        if (::write(fd, buffer, kFrameBytes) != static_cast<ssize_t>(kFrameBytes)) {
-          return;
-        }
-      }
-    });
-  }
-  std::vector<std::vector<char>> buffers(static_cast<std::size_t>(threads),
-                                         std::vector<char>(kFrameBytes, 'x'));
-  const Result r = measure(count, threads, [&](int t) {
-    exchange(pairs[static_cast<std::size_t>(t)].client, buffers[static_cast<std::size_t>(t)].data(),
-             true);
-  });
-  for (auto& p : pairs) {
-    ::shutdown(p.client, SHUT_RDWR);
-    p.echo.join();
-    ::close(p.client);
-    ::close(p.server);
-  }
-  return r;
-}
 
 Result remoteCalls(const std::string& url, int threads, int count) {
   auto server = ka::makeSession();
@@ -205,7 +41,7 @@ Result remoteCalls(const std::string& url, int threads, int count) {
   auto client = ka::makeSession();
   client->connect(server->endpoints().front()).value();
   ka::AnyObject echo = client->service("Echo").value();
-  const Result r = measure(count, threads, [&](int) {
+  const Result r = bench::measure(threads, Budget{count, 0}, [&](int) {
     if (echo->call<std::string>("echo", kPayload).size() != kPayload.size()) {
       throw std::runtime_error("echo answered something else");
     }
@@ -238,7 +74,8 @@ int main(int argc, char** argv) {
               : "unix:///tmp/ka-remote-bench-" + std::to_string(::getpid()) + ".sock";
       std::printf("%s\n", tcp ? "TCP (loopback)" : "Unix socket");
       for (const int threads : {1, 8}) {
-        const Result floor = floorPingPong(tcp, threads, count);
+        const Result floor =
+            bench::pingPong(tcp, threads, Budget{count, 0}, kFrameBytes, kFrameBytes);
         const Result call = remoteCalls(url, threads, count);
         const std::string suffix = threads == 1 ? ", 1 thread" : ", 8 threads";
         print(("socket ping-pong" + suffix).c_str(), floor, nullptr);
@@ -250,7 +87,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::printf("redis-server: %s\n", std::system("command -v redis-server > /dev/null 2>&1") == 0
-                                        ? "installed, but its comparison is not part of this bench"
+                                        ? "installed; bench/run compares with it"
                                         : "not installed, comparison skipped");
   return 0;
 }

@@ -12,7 +12,6 @@
 
 #include <boost/make_shared.hpp>
 
-#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -21,6 +20,7 @@
 #include <tuple>
 #include <vector>
 
+#include "bench_store.hpp"
 #include "qvknowledge/knowledge_service.hpp"
 #include "qvknowledge/triplet_store.hpp"
 #include "qvuserinfoprivate.hpp"
@@ -29,68 +29,18 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kUsers = 10000;
-constexpr const char* kDomain = "com.quorvelin.userinfo";
-constexpr const char* kOtherDomain = "com.example.games";
-constexpr const char* kNames[] = {"name",      "fullname",   "gender",   "pronunciation",
-                                  "birthyear", "birthmonth", "birthday", "firstencounter",
-                                  "lastseen",  "nickname"};
+using bench::execute;
+using bench::kNames;
+using bench::selectObjects;
 
-std::string valueOf(const std::string& name, int user) {
-  if (name == "gender") {
-    return user % 2 ? "m" : "f";
-  }
-  if (name == "birthmonth") {
-    return std::to_string(1 + user % 12);
-  }
-  if (name == "birthday") {
-    return std::to_string(1 + user % 28);
-  }
-  if (name == "birthyear") {
-    return std::to_string(1940 + user % 70);
-  }
-  if (name == "firstencounter" || name == "lastseen") {
-    return std::to_string(1700000000 + user);
-  }
-  return name + " of user " + std::to_string(user);
-}
+constexpr int kUsers = 10000;
+constexpr const char* kDomain = bench::kDomain;
+constexpr const char* kOtherDomain = "com.example.games";
 
 // Users visited in a scattered order that repeats.
-class UserPicker {
- public:
-  int next() {
-    state_ = state_ * 6364136223846793005ULL + 1442695040888963407ULL;
-    return static_cast<int>((state_ >> 33) % kUsers);
-  }
-
- private:
-  std::uint64_t state_ = 42;
+struct UserPicker : bench::UserPicker {
+  UserPicker() : bench::UserPicker(kUsers) {}
 };
-
-// A prepared statement bound to text values as BLOBs, as the knowledge store binds them.
-void bindAll(SQLite::Statement& statement, const std::vector<const std::string*>& values) {
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    statement.bindNoCopy(static_cast<int>(i + 1), static_cast<const void*>(values[i]->data()),
-                         static_cast<int>(values[i]->size()));
-  }
-}
-
-std::vector<std::string> selectObjects(SQLite::Statement& statement, const std::string& d,
-                                       const std::string& s, const std::string& p) {
-  bindAll(statement, {&d, &s, &p});
-  std::vector<std::string> objects;
-  while (statement.executeStep()) {
-    objects.push_back(statement.getColumn(0).getString());
-  }
-  statement.reset();
-  return objects;
-}
-
-void execute(SQLite::Statement& statement, const std::vector<const std::string*>& values) {
-  bindAll(statement, values);
-  statement.exec();
-  statement.reset();
-}
 
 // One file store, served as "QVKnowledge" on an in-process session with a data store on it, and
 // two raw connections to the same file with the store's own SQL.
@@ -125,7 +75,7 @@ class World {
     triplets.reserve(kUsers * std::size(kNames));
     for (int user = 0; user < kUsers; ++user) {
       for (const char* name : kNames) {
-        triplets.push_back({kDomain, std::to_string(user), name, valueOf(name, user)});
+        triplets.push_back({kDomain, std::to_string(user), name, bench::valueOf(name, user)});
       }
     }
     tripletStore->addMany(triplets);
