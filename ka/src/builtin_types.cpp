@@ -102,18 +102,15 @@ class DynamicTypeImpl : public StorageImpl<AnyValue, DynamicTypeInterface> {
 }  // namespace
 
 const TypeInterface* voidType() {
-  static const VoidTypeImpl impl;
-  return &impl;
+  return immortal<VoidTypeImpl>();
 }
 
 const TypeInterface* stringType() {
-  static const StringTypeImpl impl;
-  return &impl;
+  return immortal<StringTypeImpl>();
 }
 
 const TypeInterface* dynamicType() {
-  static const DynamicTypeImpl impl;
-  return &impl;
+  return immortal<DynamicTypeImpl>();
 }
 
 }  // namespace detail

@@ -97,10 +97,7 @@ class ObjectTypeImpl : public StorageImpl<Object<T>, ObjectTypeInterface> {
 
 template <typename T>
 struct TypeOf<Object<T>> {
-  static const TypeInterface* get() {
-    static const ObjectTypeImpl<T> impl;
-    return &impl;
-  }
+  static const TypeInterface* get() { return immortal<ObjectTypeImpl<T>>(); }
 };
 
 }  // namespace detail

@@ -43,10 +43,7 @@ class FutureTypeImpl : public UnknownTypeImpl<Future<T>>, public FutureResultTyp
 
 template <typename T>
 struct TypeOf<Future<T>> {
-  static const TypeInterface* get() {
-    static const FutureTypeImpl<T> impl;
-    return &impl;
-  }
+  static const TypeInterface* get() { return immortal<FutureTypeImpl<T>>(); }
 };
 
 // The future behind a result, or null when the result is an ordinary value.

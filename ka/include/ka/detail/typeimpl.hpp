@@ -25,6 +25,14 @@ namespace detail {
 KA_API std::runtime_error notDefaultConstructible(const std::type_info& info);
 KA_API std::runtime_error notCopyable(const std::type_info& info);
 
+// The one description of a type, made on first use and never destroyed: values that refer to it
+// may still be released on the event loop's threads while the exit runs static destructors.
+template <typename Impl>
+const TypeInterface* immortal() {
+  static const Impl* const impl = std::make_unique<const Impl>().release();
+  return impl;
+}
+
 // Storage management shared by every implementation: storage is a heap T owned by
 // whoever asked for it (AnyValue in practice).
 template <typename T, typename Base>
@@ -227,10 +235,7 @@ KA_API const TypeInterface* dynamicType();
 
 template <typename T, typename Enable = void>
 struct TypeOf {
-  static const TypeInterface* get() {
-    static const UnknownTypeImpl<T> impl;
-    return &impl;
-  }
+  static const TypeInterface* get() { return immortal<UnknownTypeImpl<T>>(); }
 };
 
 template <>
@@ -250,50 +255,32 @@ struct TypeOf<AnyValue> {
 
 template <typename T>
 struct TypeOf<T, std::enable_if_t<std::is_integral<T>::value>> {
-  static const TypeInterface* get() {
-    static const IntTypeImpl<T> impl;
-    return &impl;
-  }
+  static const TypeInterface* get() { return immortal<IntTypeImpl<T>>(); }
 };
 
 template <typename T>
 struct TypeOf<T, std::enable_if_t<std::is_floating_point<T>::value>> {
-  static const TypeInterface* get() {
-    static const FloatTypeImpl<T> impl;
-    return &impl;
-  }
+  static const TypeInterface* get() { return immortal<FloatTypeImpl<T>>(); }
 };
 
 template <typename E, typename A>
 struct TypeOf<std::vector<E, A>> {
-  static const TypeInterface* get() {
-    static const ListTypeImpl<std::vector<E, A>> impl;
-    return &impl;
-  }
+  static const TypeInterface* get() { return immortal<ListTypeImpl<std::vector<E, A>>>(); }
 };
 
 template <typename K, typename V, typename C, typename A>
 struct TypeOf<std::map<K, V, C, A>> {
-  static const TypeInterface* get() {
-    static const MapTypeImpl<std::map<K, V, C, A>> impl;
-    return &impl;
-  }
+  static const TypeInterface* get() { return immortal<MapTypeImpl<std::map<K, V, C, A>>>(); }
 };
 
 template <typename... T>
 struct TypeOf<std::tuple<T...>> {
-  static const TypeInterface* get() {
-    static const TupleTypeImpl<std::tuple<T...>> impl;
-    return &impl;
-  }
+  static const TypeInterface* get() { return immortal<TupleTypeImpl<std::tuple<T...>>>(); }
 };
 
 template <typename A, typename B>
 struct TypeOf<std::pair<A, B>> {
-  static const TypeInterface* get() {
-    static const TupleTypeImpl<std::pair<A, B>> impl;
-    return &impl;
-  }
+  static const TypeInterface* get() { return immortal<TupleTypeImpl<std::pair<A, B>>>(); }
 };
 
 }  // namespace detail
