@@ -477,9 +477,9 @@ TEST_F(LoadAndFaults, FiftyClientsDoingMixedWorkAreAllAnsweredAndLeaveNothingBeh
   // calls (about 10,000 in an optimised build) on 50 connections, so a leak of a few hundred
   // bytes per call or 160 KiB per connection shows. A clean run grows by well under 1 MiB.
   // ASan adds its quarantine (16 MiB here), shadow memory and per-thread caches (about 50 MiB
-  // in all on a clean run). TSan keeps shadow memory and access
-  // history for everything ever touched, which grows with the work done, not with leaks: its
-  // build checks the open files only.
+  // in all on a clean run). TSan keeps shadow memory and access history for everything ever
+  // touched, which grows with the work done, not with leaks: its build checks the open files
+  // only.
 #if defined(__SANITIZE_THREAD__)
   (void)after;
 #else
