@@ -1,3 +1,4 @@
+#include <ka/anyvalue.hpp>
 #include <ka/eventloop.hpp>
 #include <ka/log.hpp>
 
@@ -5,12 +6,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -230,6 +233,42 @@ TEST_F(DefaultEventLoop, ExitDoesNotHangOnATaskThatNeverEnds) {
       ::testing::ExitedWithCode(0), "");
   // The task would hold its worker for kLimit: exit must give up well before.
   EXPECT_LT(std::chrono::steady_clock::now() - start, kLimitMs - 2s);
+}
+
+// Exit destroys statics in the reverse order of their making, and the default loop is stopped
+// only after those made once it started: a value released on a worker then must still find its
+// type's description. The handoff, made between the loop and the type, lets the worker release
+// the value just after the exit has run past the type.
+struct ExitHandoff {
+  ~ExitHandoff() {
+    std::unique_lock<std::mutex> lock(mutex);
+    go = true;
+    changed.notify_all();
+    changed.wait_for(lock, kLimitMs, [this] { return released; });
+  }
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool go = false;        // guarded by mutex
+  bool released = false;  // guarded by mutex
+};
+
+TEST_F(DefaultEventLoop, AValueReleasedOnAWorkerDuringExitStillFindsItsType) {
+  EXPECT_EXIT(
+      {
+        ka::EventLoop& loop = ka::defaultEventLoop();
+        static ExitHandoff handoff;
+        auto value =
+            std::make_shared<ka::AnyValue>(std::vector<std::tuple<short, short>>{{1, 2}, {3, 4}});
+        loop.post([value = std::move(value)]() mutable {
+          std::unique_lock<std::mutex> lock(handoff.mutex);
+          handoff.changed.wait(lock, [] { return handoff.go; });
+          value.reset();
+          handoff.released = true;
+          handoff.changed.notify_all();
+        });
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -40,7 +40,13 @@ ka::SignalSubscriber subscriberOf(F f, ka::MetaCallType callType) {
 
 }  // namespace
 
-QVUserInfo::QVUserInfo(const boost::shared_ptr<ka::Session>& session_) : session(session_) {
+struct QVUserInfo::DeliveryGate {
+  std::mutex mutex;
+  bool open = true;  // guarded by mutex
+};
+
+QVUserInfo::QVUserInfo(const boost::shared_ptr<ka::Session>& session_)
+    : session(session_), deliveryGate(std::make_shared<DeliveryGate>()) {
   // The knowledge store is not guarded: its lookup error is the caller's to see as it is.
   auto knowledge =
       boost::make_shared<ka::AnyObject>(session->service("QVKnowledge", "").value(kWaitForever));
@@ -111,6 +117,9 @@ QVUserInfo::~QVUserInfo() {
       }
     }
   }
+  // Deliveries of an instance whose handle expired were not waited for above.
+  std::lock_guard<std::mutex> lock(deliveryGate->mutex);
+  deliveryGate->open = false;
 }
 
 // --- Reads -------------------------------------------------------------------------------
@@ -305,15 +314,25 @@ void QVUserInfo::xConnectUserSessionService() {
   try {
     remember(
         (*handle)
-            ->connect("createdUsers",
-                      subscriberOf([this](const std::vector<int>& ids) { xOnCreatedUsers(ids); },
-                                   ka::MetaCallType::Queued))
+            ->connect("createdUsers", subscriberOf(
+                                          [this, gate = deliveryGate](const std::vector<int>& ids) {
+                                            std::lock_guard<std::mutex> lock(gate->mutex);
+                                            if (gate->open) {
+                                              xOnCreatedUsers(ids);
+                                            }
+                                          },
+                                          ka::MetaCallType::Queued))
             .value(kWaitForever));
     remember(
         (*handle)
-            ->connect("deletedUsers",
-                      subscriberOf([this](const std::vector<int>& ids) { xOnDeletedUsers(ids); },
-                                   ka::MetaCallType::Queued))
+            ->connect("deletedUsers", subscriberOf(
+                                          [this, gate = deliveryGate](const std::vector<int>& ids) {
+                                            std::lock_guard<std::mutex> lock(gate->mutex);
+                                            if (gate->open) {
+                                              xOnDeletedUsers(ids);
+                                            }
+                                          },
+                                          ka::MetaCallType::Queued))
             .value(kWaitForever));
   } catch (...) {
     KA_LOG_AT(ka::LogLevel::Error, logCategory, "xConnectUserSessionService")

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -130,6 +131,41 @@ TEST_F(RealSessionDeletionTest, DeletingAUserErasesItsDataSilentlyButSparesThePh
   const LogLine line = unknownUserLines(gone).front();
   EXPECT_EQ(logs(), (LogLines{line, line}));
   EXPECT_EQ(rowsOutsidePhotoStorage(gone), Rows{});
+}
+
+TEST_F(RealSessionDeletionTest, AFrontGoneAfterItsUserSessionLeftIsNotCalledByThatInstanceAgain) {
+  const int user = createUser();
+  ASSERT_TRUE(call<bool>("_set", user, "name", text("Ada")));
+  // The service leaves but its instance lives on, as in a host stopping: the front lets go of
+  // its handle, so its destructor cannot end that subscription; then the front goes.
+  withdrawUserSession();
+  clientSession->close();
+  session->close();
+  client.reset();
+  front.reset();
+  forget();
+
+  // A deletion the instance still announces, queued to the front that is gone: it must not run
+  // there (ASan reports the use after free otherwise). A queued probe on the same signal shows
+  // that the deliveries of this emission have been dispatched.
+  std::mutex mutex;
+  std::condition_variable delivered;
+  bool probed = false;  // guarded by mutex
+  const ka::SignalLink probe = userSessionService->deletedUsers.connect(
+      ka::SignalSubscriber(ka::AnyFunction::from([&](const std::vector<int>&) {
+                             std::lock_guard<std::mutex> lock(mutex);
+                             probed = true;
+                             delivered.notify_all();
+                           }),
+                           ka::MetaCallType::Queued));
+  ASSERT_TRUE(userSessionService->deleteUsers({user}));
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    EXPECT_TRUE(
+        delivered.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return probed; }));
+  }
+  userSessionService->deletedUsers.disconnect(probe);
+  EXPECT_EQ(storeCalls(), StoreCalls{}) << "the front that is gone erased the user";
 }
 
 // --- A user-session service that restarts --------------------------------------

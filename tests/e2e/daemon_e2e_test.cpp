@@ -1,7 +1,7 @@
 // The daemon as a user runs it: the real qvuserinfod binary on a fresh temporary directory and
 // socket, driven through the middleware by a client session in this process.
 
-#include "process_harness.hpp"
+#include "daemon_fixture.hpp"
 
 #include <qvusersession/usersession_service.hpp>
 
@@ -29,120 +29,17 @@
 #include <vector>
 
 namespace fs = std::filesystem;
+using e2e::Client;
+using e2e::contains;
+using e2e::Daemon;
+using e2e::expectNoSanitizerReport;
+using e2e::kCallMs;
+using e2e::kLimit;
+using e2e::lines;
 using e2e::Millis;
 using e2e::Process;
 
 namespace {
-
-// Generous upper bounds (sanitizer builds start slowly); the tests take far less.
-constexpr Millis kLimit{20000};
-constexpr int kCallMs = 20000;
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    out.push_back(line);
-  }
-  return out;
-}
-
-// A sanitized daemon fails its run on the first report, with an exit code no test expects.
-const std::map<std::string, std::string> kChildEnv{
-    {"TSAN_OPTIONS", "halt_on_error=1 second_deadlock_stack=1 exitcode=66"},
-    {"ASAN_OPTIONS", "detect_leaks=1 exitcode=66"},
-    {"UBSAN_OPTIONS", "print_stacktrace=1 halt_on_error=1 exitcode=66"},
-};
-
-void expectNoSanitizerReport(const std::string& err) {
-  EXPECT_FALSE(contains(err, "Sanitizer") || contains(err, "runtime error:")) << err;
-}
-
-// A client of the daemon: a session joined to its directory and the two services it drives.
-struct Client {
-  explicit Client(const std::string& url) {
-    session->connect(url).value(kCallMs);
-    users = session->service("QVUserSession").value(kCallMs);
-    info = session->service("QVUserInfo").value(kCallMs);
-  }
-  ~Client() { session->close(); }
-
-  int createUser() { return users->call<int>("createUser"); }
-  bool set(int user, const std::string& name, const std::string& value) {
-    return info->call<bool>("_set", user, name, ka::AnyValue(value));
-  }
-  std::string get(int user, const std::string& name) {
-    return info->call<ka::AnyValue>("get", user, name).to<std::string>();
-  }
-
-  ka::SessionPtr session = ka::makeSession();
-  ka::AnyObject users;
-  ka::AnyObject info;
-};
-
-class Daemon : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/qv-e2e-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    env_ = kChildEnv;
-    // Defaults resolve inside the test's directory, never in the user's.
-    env_["XDG_RUNTIME_DIR"] = (dir_ / "run").string();
-    env_["XDG_DATA_HOME"] = (dir_ / "data").string();
-    env_["QV_URL"] = "";
-    fs::create_directory(dir_ / "run");
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  fs::path stateDir() const { return dir_ / "var"; }
-  std::string socketUrl() const { return "unix://" + (stateDir() / "qvuserinfod.sock").string(); }
-
-  std::unique_ptr<Process> spawn(const std::vector<std::string>& args) {
-    return std::make_unique<Process>(QV_DAEMON_PATH, args, env_);
-  }
-  // A daemon that has said it is ready; fails the test (and answers null) otherwise.
-  std::unique_ptr<Process> start(std::vector<std::string> args = {}) {
-    if (args.empty()) {
-      args = {"--state-dir", stateDir().string()};
-    }
-    auto daemon = spawn(args);
-    if (!daemon->waitForLine("ready ", kLimit)) {
-      ADD_FAILURE() << "no readiness line; stdout:\n"
-                    << daemon->out() << "stderr:\n"
-                    << daemon->err();
-      return nullptr;
-    }
-    return daemon;
-  }
-  // Stops a daemon with SIGTERM and checks it stopped cleanly.
-  void stop(Process& daemon) {
-    daemon.signal(SIGTERM);
-    const auto code = daemon.waitExit(kLimit);
-    ASSERT_TRUE(code) << "the daemon did not stop";
-    EXPECT_EQ(*code, 0) << daemon.err();
-    const auto out = lines(daemon.out());
-    ASSERT_FALSE(out.empty());
-    EXPECT_EQ(out.back(), "stopped");
-    expectNoSanitizerReport(daemon.err());
-  }
-  // Runs a daemon that must fail to start; answers its one stderr line.
-  std::string startFails(const std::vector<std::string>& args) {
-    const auto done = e2e::run(QV_DAEMON_PATH, args, kLimit, env_);
-    EXPECT_EQ(done.exitCode, 1) << done.out << done.err;
-    EXPECT_FALSE(contains(done.out, "ready ")) << done.out;
-    const auto errLines = lines(done.err);
-    EXPECT_EQ(errLines.size(), 1u) << done.err;
-    return errLines.empty() ? std::string() : errLines.front();
-  }
-
-  fs::path dir_;
-  std::map<std::string, std::string> env_;
-};
 
 TEST_F(Daemon, PrintsItsSettingsThenOneReadyLineAndStopsCleanlyOnSigterm) {
   auto daemon = start();

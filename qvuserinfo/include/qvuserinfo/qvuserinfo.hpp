@@ -14,6 +14,7 @@
 #include <boost/weak_ptr.hpp>
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -153,6 +154,13 @@ class QVUSERINFO_API QVUserInfo {
   std::set<int> usersErasedSince;  // guarded by writesMutex
   // Set by the constructor, read by the destructor only.
   std::vector<ka::SignalLink> directoryLinks;
+  // Deliveries of "createdUsers"/"deletedUsers" may still be queued when this object goes, also
+  // from an instance whose handle is gone already, whose subscription the destructor can no
+  // longer end. Each delivery runs holding the gate, and only while it is open; the destructor
+  // closes it, waiting for a delivery in progress. Shared with the deliveries, which may run
+  // after this object is gone.
+  struct DeliveryGate;
+  const std::shared_ptr<DeliveryGate> deliveryGate;
 };
 
 }  // namespace QV
