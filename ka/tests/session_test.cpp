@@ -253,15 +253,15 @@ TEST(ServiceDirectorySignals, AQueuedSubscriberSharingOneStrandSeesEveryAddition
   std::vector<std::string> events;
   std::atomic<int> inside{0};
   std::atomic<int> overlaps{0};
+  // Everything after the last event's push happens under the lock, so the test
+  // body may leave, destroying these locals, as soon as it has seen that event.
   auto record = [&](const std::string& e) {
     if (++inside > 1) {
       ++overlaps;
     }
-    {
-      std::lock_guard<std::mutex> lock(m);
-      events.push_back(e);
-    }
+    std::lock_guard<std::mutex> lock(m);
     --inside;
+    events.push_back(e);
     cv.notify_all();
   };
   const ka::Strand strand;
