@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -191,6 +192,25 @@ Finished run(const std::string& program, const std::vector<std::string>& args, M
   finished.out = process.out();
   finished.err = process.err();
   return finished;
+}
+
+namespace {
+
+std::filesystem::path makeTempDir(const std::string& prefix) {
+  std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
+  if (::mkdtemp(pattern.data()) == nullptr) {
+    throw std::runtime_error("mkdtemp failed: " + std::string(std::strerror(errno)));
+  }
+  return pattern;
+}
+
+}  // namespace
+
+TempDir::TempDir(const std::string& prefix) : path(makeTempDir(prefix)) {}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path, ignored);
 }
 
 }  // namespace e2e

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -67,5 +68,16 @@ struct Finished {
 };
 Finished run(const std::string& program, const std::vector<std::string>& args, Millis limit,
              const std::map<std::string, std::string>& env = {}, const std::string& cwd = "");
+
+// A fresh directory under the system's temporary directory, removed with what it holds.
+class TempDir {
+ public:
+  explicit TempDir(const std::string& prefix);
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::filesystem::path path;
+};
 
 }  // namespace e2e

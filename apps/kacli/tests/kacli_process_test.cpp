@@ -97,22 +97,6 @@ void registerProbe() {
   });
 }
 
-// A temporary directory removed with what it holds.
-struct TempDir {
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kacli-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed");
-    }
-    path = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-  }
-  std::filesystem::path path;
-};
-
 // The probe published as "Probe" on a session listening on a unix socket.
 class KacliAgainstAServedSession : public ::testing::Test {
  protected:
@@ -132,7 +116,7 @@ class KacliAgainstAServedSession : public ::testing::Test {
     return e2e::run(KACLI_PROGRAM, all, kRunLimit);
   }
 
-  TempDir dir;
+  e2e::TempDir dir{"kacli"};
   std::filesystem::path socket;
   std::string url;
   ka::SessionPtr server = ka::makeSession();

@@ -21,21 +21,6 @@ using namespace std::chrono_literals;
 
 constexpr auto kWait = 20s;
 
-struct TempDir {
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kacli-readme-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed");
-    }
-    path = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-  }
-  std::filesystem::path path;
-};
-
 // The daemon on its own state directory, ready to answer; kacli finds it through QV_URL, as a
 // plain `kacli` finds the daemon of scripts/run.sh through ./var.
 class ReadmeSession : public ::testing::Test {
@@ -64,7 +49,7 @@ class ReadmeSession : public ::testing::Test {
     EXPECT_EQ(f.err, "");
   }
 
-  TempDir state;
+  e2e::TempDir state{"kacli-readme"};
   e2e::Process daemon{QV_DAEMON_PATH, {"--state-dir", state.path.string()}};
   std::map<std::string, std::string> env;
 };
