@@ -1,7 +1,10 @@
 #include "wire/local_channel.hpp"
 
+#include <ka/detail/typeimpl.hpp>
+
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
 #include <mutex>
 #include <vector>
@@ -51,25 +54,27 @@ struct LocalChannel::Link {
 namespace {
 
 // Delivery threads whose channel went away on that very thread, so nobody could join them there.
-// They are joined here rather than detached: a detached thread still finishing its last handler
-// at exit would race with the destruction of the statics it touches (type descriptions, the
-// loop). This registry is created on first use, after those statics, so it is destroyed first.
+// They are joined at exit rather than detached: a detached thread still finishing its last
+// handler at exit would race with the destruction of the statics it touches (the loop, the
+// logger). The join is registered with atexit on first use, after those statics were made, so
+// it runs before they are destroyed. The registry itself is never destroyed: a delivery thread
+// may still come to it while the process exits, and then detaches, there being no one left to
+// join it.
 class OrphanThreads {
  public:
   static OrphanThreads& instance() {
-    static OrphanThreads orphans;
-    return orphans;
-  }
-
-  ~OrphanThreads() {
-    std::lock_guard<std::mutex> lock(_mutex);
-    for (auto& orphan : _threads) {
-      orphan.thread.join();
-    }
+    static detail::Immortal<OrphanThreads> orphans;
+    static const bool joinedAtExit = std::atexit([] { instance().joinAll(); }) == 0;
+    (void)joinedAtExit;
+    return orphans.value;
   }
 
   void adopt(std::thread thread, std::shared_ptr<std::atomic<bool>> finished) {
     std::lock_guard<std::mutex> lock(_mutex);
+    if (_exiting) {
+      thread.detach();
+      return;
+    }
     // Join those that have finished, so the list stays as short as the threads still running.
     for (auto it = _threads.begin(); it != _threads.end();) {
       if (it->finished->load()) {
@@ -83,11 +88,24 @@ class OrphanThreads {
   }
 
  private:
+  void joinAll() {
+    std::vector<Orphan> threads;
+    {
+      std::lock_guard<std::mutex> lock(_mutex);
+      _exiting = true;
+      threads.swap(_threads);
+    }
+    for (auto& orphan : threads) {
+      orphan.thread.join();
+    }
+  }
+
   struct Orphan {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> finished;
   };
   std::mutex _mutex;
+  bool _exiting = false;         // guarded by _mutex
   std::vector<Orphan> _threads;  // guarded by _mutex
 };
 
