@@ -169,6 +169,9 @@ void LocalChannel::start(FrameHandler onFrame, CloseHandler onClose) {
   if (_thread.joinable()) {
     throw std::logic_error("LocalChannel::start called twice");
   }
+  // Made before any delivery thread exists, so its join at exit is registered before the exit
+  // begins rather than by a thread that adopts itself while it runs.
+  (void)OrphanThreads::instance();
   _thread = std::thread(deliver, _link, _side, std::move(onFrame), std::move(onClose), _finished);
 }
 
