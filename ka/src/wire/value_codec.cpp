@@ -14,6 +14,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <string>
@@ -21,6 +22,31 @@
 namespace ka {
 namespace wire {
 namespace {
+
+// msgpack's pack_float and pack_double write a float that holds an integer as that integer, and
+// convert 2^64 to uint64_t on the way, which is undefined. `f` is always float32 and `d` always
+// float64 on the wire, so the bytes are written here: the format byte, then the bits big-endian.
+template <typename Bits>
+void packFloatBits(Packer& pk, char format, Bits bits) {
+  char bytes[1 + sizeof(Bits)];
+  bytes[0] = format;
+  for (std::size_t i = 0; i < sizeof(Bits); ++i) {
+    bytes[1 + i] = static_cast<char>(bits >> (8 * (sizeof(Bits) - 1 - i)));
+  }
+  pk.pack_bin_body(bytes, sizeof(bytes));  // appends the bytes as they are
+}
+
+void packFloat32(Packer& pk, float value) {
+  std::uint32_t bits;
+  std::memcpy(&bits, &value, sizeof(bits));
+  packFloatBits(pk, static_cast<char>(0xca), bits);
+}
+
+void packFloat64(Packer& pk, double value) {
+  std::uint64_t bits;
+  std::memcpy(&bits, &value, sizeof(bits));
+  packFloatBits(pk, static_cast<char>(0xcb), bits);
+}
 
 // Writers stop at the depth readers accept, so a value that cannot be read is not sent.
 constexpr std::size_t kMaxDepth = DecodeLimits().maxDepth;
@@ -144,9 +170,9 @@ class Writer {
       case TypeKind::Float: {
         const auto* ft = static_cast<const FloatTypeInterface*>(t);
         if (ft->size() == 4) {
-          _pk.pack_float(static_cast<float>(ft->get(storage)));
+          packFloat32(_pk, static_cast<float>(ft->get(storage)));
         } else {
-          _pk.pack_double(ft->get(storage));
+          packFloat64(_pk, ft->get(storage));
         }
         return;
       }

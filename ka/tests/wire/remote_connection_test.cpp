@@ -197,7 +197,12 @@ struct RawPeer {
         },
         [](const std::string&) {});
   }
-  ~RawPeer() { raw->close("the test ended"); }
+  // Frames still queued are delivered after a close, to the handler that uses the members below:
+  // the delivery thread is joined (with the last handle on `raw`) before they go.
+  ~RawPeer() {
+    raw->close("the test ended");
+    raw.reset();
+  }
 
   // The first received frame answering `requestId` (Frame{} with type 0 when none came).
   Frame answerTo(std::uint64_t requestId) {

@@ -213,6 +213,13 @@ TEST(ValueRoundTrip, EveryValueComesBackWithItsSignatureAndTheDocumentedBytes) {
       {AnyValue(std::numeric_limits<std::uint64_t>::max()), "", ""},
       {AnyValue(1.5f), "", ""},
       {AnyValue(-0.1), "", ""},
+      // Floats stay floats on the wire even when they hold an integer, up to 2^64 and beyond.
+      {AnyValue(1.0f), "ca3f800000", ""},
+      {AnyValue(3.0), "cb4008000000000000", ""},
+      {AnyValue(-2.0), "cbc000000000000000", ""},
+      {AnyValue(18446744073709551616.0), "cb43f0000000000000", ""},
+      {AnyValue(18446744073709551616.0f), "ca5f800000", ""},
+      {AnyValue(-std::numeric_limits<double>::infinity()), "cbfff0000000000000", ""},
       {AnyValue(std::string(kNotUtf8, sizeof kNotUtf8 - 1)), "", ""},
       {AnyValue(7), "07", ""},
       {AnyValue(-1), "ff", ""},
