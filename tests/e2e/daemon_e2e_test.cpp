@@ -29,6 +29,7 @@
 #include <vector>
 
 namespace fs = std::filesystem;
+using e2e::AcknowledgedWrites;
 using e2e::Client;
 using e2e::contains;
 using e2e::Daemon;
@@ -203,69 +204,22 @@ TEST_F(Daemon, ListensOnTcpLoopbackAndPrintsTheChosenPort) {
 }
 
 TEST_F(Daemon, LosesNoAcknowledgedWriteWhenStoppedDuringAStreamOfWrites) {
-  constexpr int kWriters = 4;
   auto daemon = start();
   ASSERT_TRUE(daemon);
-  std::vector<int> userOf(kWriters);
-  {
-    Client setup(socketUrl());
-    for (auto& user : userOf) {
-      user = setup.createUser();
-    }
-  }
-
-  std::mutex mutex;
-  std::condition_variable progressed;
-  int acknowledged = 0;                          // guarded by mutex
-  std::vector<int> acknowledgedBy(kWriters, 0);  // each writer's own count, read after join
-  std::vector<std::string> failures(kWriters);
-  std::vector<std::thread> writers;
-  for (int w = 0; w < kWriters; ++w) {
-    writers.emplace_back([&, w] {
-      Client client(socketUrl());
-      // Until the daemon refuses or goes: every write that returned true counts.
-      for (int n = 0;; ++n) {
-        try {
-          if (!client.set(userOf[w], "k" + std::to_string(n), "v" + std::to_string(n))) {
-            failures[w] = "refused a write while running";
-            return;
-          }
-        } catch (const std::exception&) {
-          return;  // stopped: refused or cut off, never acknowledged
-        }
-        acknowledgedBy[w] = n + 1;
-        std::lock_guard<std::mutex> lock(mutex);
-        ++acknowledged;
-        progressed.notify_all();
-      }
-    });
-  }
-  {
-    std::unique_lock<std::mutex> lock(mutex);
-    EXPECT_TRUE(progressed.wait_for(lock, kLimit, [&] { return acknowledged >= 40; }));
-  }
+  AcknowledgedWrites writes(socketUrl(), 4);
+  EXPECT_TRUE(writes.waitFor(40));
   daemon->signal(SIGTERM);
-  for (auto& t : writers) {
-    t.join();
-  }
+  writes.join();
   const auto code = daemon->waitExit(kLimit);
   ASSERT_TRUE(code);
   EXPECT_EQ(*code, 0) << daemon->err();
   EXPECT_EQ(lines(daemon->out()).back(), "stopped");
   expectNoSanitizerReport(daemon->err());
-  for (const auto& failure : failures) {
-    EXPECT_EQ(failure, "");
-  }
 
   daemon = start();
   ASSERT_TRUE(daemon);
   Client client(socketUrl());
-  for (int w = 0; w < kWriters; ++w) {
-    for (int n = 0; n < acknowledgedBy[w]; ++n) {
-      ASSERT_EQ(client.get(userOf[w], "k" + std::to_string(n)), "v" + std::to_string(n))
-          << "writer " << w << " lost acknowledged write " << n << " of " << acknowledgedBy[w];
-    }
-  }
+  writes.expectAllThere(client);
   stop(*daemon);
 }
 

@@ -6,6 +6,7 @@
 #include "process_harness.hpp"
 
 #include <ka/anyvalue.hpp>
+#include <ka/future.hpp>
 #include <ka/session.hpp>
 
 #include <gtest/gtest.h>
@@ -13,11 +14,14 @@
 #include <signal.h>
 #include <stdlib.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace e2e {
@@ -76,12 +80,79 @@ struct Client {
   ka::AnyObject info;
 };
 
+// Writers, each on a connection and a user of its own, setting k0=v0, k1=v1, ... until the daemon
+// refuses or goes. What each had acknowledged must be there after a restart.
+class AcknowledgedWrites {
+ public:
+  AcknowledgedWrites(const std::string& url, int writers)
+      : _userOf(writers, 0), _acknowledgedBy(writers, 0), _failures(writers) {
+    for (int w = 0; w < writers; ++w) {
+      _threads.emplace_back([this, url, w] { write(url, w); });
+    }
+  }
+  ~AcknowledgedWrites() { join(); }
+
+  // Whether `total` writes were acknowledged in all within kLimit.
+  bool waitFor(int total) {
+    std::unique_lock<std::mutex> lock(_mutex);
+    return _progressed.wait_for(lock, kLimit, [&] { return _acknowledged >= total; });
+  }
+  void join() {
+    for (auto& t : _threads) {
+      if (t.joinable()) {
+        t.join();
+      }
+    }
+  }
+  // After join: no writer saw a refusal or a hang while the daemon ran, and every acknowledged
+  // write reads back through `client`.
+  void expectAllThere(Client& client) const {
+    for (std::size_t w = 0; w < _threads.size(); ++w) {
+      EXPECT_EQ(_failures[w], "") << "writer " << w;
+      ASSERT_GT(_userOf[w], 0) << "writer " << w << " never got a user";
+      EXPECT_TRUE(client.users->async<bool>("doesUserExist", _userOf[w]).value(kCallMs));
+      for (int n = 0; n < _acknowledgedBy[w]; ++n) {
+        ASSERT_EQ(client.get(_userOf[w], "k" + std::to_string(n)), "v" + std::to_string(n))
+            << "writer " << w << " lost acknowledged write " << n << " of " << _acknowledgedBy[w];
+      }
+    }
+  }
+
+ private:
+  void write(const std::string& url, int w) {
+    try {
+      Client client(url);
+      _userOf[w] = client.createUser();
+      for (int n = 0;; ++n) {
+        if (!client.set(_userOf[w], "k" + std::to_string(n), "v" + std::to_string(n))) {
+          _failures[w] = "refused a write while running";
+          return;
+        }
+        _acknowledgedBy[w] = n + 1;
+        std::lock_guard<std::mutex> lock(_mutex);
+        ++_acknowledged;
+        _progressed.notify_all();
+      }
+    } catch (const ka::FutureTimeoutError&) {
+      _failures[w] = "a call was neither answered nor cut off";
+    } catch (const std::exception&) {
+      // refused by a stopping daemon or cut off: never acknowledged
+    }
+  }
+
+  // Each writer's own slots, read by the test after join().
+  std::vector<int> _userOf;
+  std::vector<int> _acknowledgedBy;
+  std::vector<std::string> _failures;
+  std::vector<std::thread> _threads;
+  std::mutex _mutex;
+  std::condition_variable _progressed;
+  int _acknowledged = 0;  // guarded by _mutex
+};
+
 class Daemon : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/qv-e2e-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
     env_ = sanitizedChildEnv();
     // Defaults resolve inside the test's directory, never in the user's.
     env_["XDG_RUNTIME_DIR"] = (dir_ / "run").string();
@@ -89,8 +160,6 @@ class Daemon : public ::testing::Test {
     env_["QV_URL"] = "";
     std::filesystem::create_directory(dir_ / "run");
   }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
   std::filesystem::path stateDir() const { return dir_ / "var"; }
   std::string socketPath() const { return (stateDir() / "qvuserinfod.sock").string(); }
   std::string socketUrl() const { return "unix://" + socketPath(); }
@@ -133,7 +202,8 @@ class Daemon : public ::testing::Test {
     return errLines.empty() ? std::string() : errLines.front();
   }
 
-  std::filesystem::path dir_;
+  const TempDir tempDir_{"qv-e2e"};
+  const std::filesystem::path dir_ = tempDir_.path;
   std::map<std::string, std::string> env_;
 };
 

@@ -27,6 +27,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -295,66 +296,19 @@ class LoadAndFaults : public e2e::Daemon {
 };
 
 TEST_F(LoadAndFaults, EveryWriteAcknowledgedBeforeAKillNineIsThereAfterARestart) {
-  constexpr int kWriters = 4;
   auto daemon = start();
   ASSERT_TRUE(daemon);
-
-  std::mutex mutex;
-  std::condition_variable progressed;
-  int acknowledged = 0;  // guarded by mutex
-  // Each writer's own user and count of acknowledged writes, read after the join.
-  std::vector<int> userOf(kWriters, 0);
-  std::vector<int> acknowledgedBy(kWriters, 0);
-  std::vector<std::string> failures(kWriters);
-  std::vector<std::thread> writers;
-  for (int w = 0; w < kWriters; ++w) {
-    writers.emplace_back([&, w] {
-      try {
-        Client client(socketUrl());
-        userOf[w] = client.createUser();
-        // Until the daemon goes: every write that returned true counts.
-        for (int n = 0;; ++n) {
-          if (!client.set(userOf[w], "k" + std::to_string(n), "v" + std::to_string(n))) {
-            failures[w] = "refused a write while running";
-            return;
-          }
-          acknowledgedBy[w] = n + 1;
-          std::lock_guard<std::mutex> lock(mutex);
-          ++acknowledged;
-          progressed.notify_all();
-        }
-      } catch (const ka::FutureTimeoutError&) {
-        failures[w] = "a call was neither answered nor cut off";
-      } catch (const std::exception&) {
-        // cut off by the kill: never acknowledged
-      }
-    });
-  }
-  {
-    std::unique_lock<std::mutex> lock(mutex);
-    EXPECT_TRUE(progressed.wait_for(lock, kLimit, [&] { return acknowledged >= 100; }));
-  }
+  e2e::AcknowledgedWrites writes(socketUrl(), 4);
+  EXPECT_TRUE(writes.waitFor(100));
   daemon->signal(SIGKILL);
-  for (auto& t : writers) {
-    t.join();
-  }
+  writes.join();
   EXPECT_EQ(daemon->waitExit(kLimit), 128 + SIGKILL);
   e2e::expectNoSanitizerReport(daemon->err());
-  for (const auto& failure : failures) {
-    EXPECT_EQ(failure, "");
-  }
 
   daemon = start();
   ASSERT_TRUE(daemon);
   Client client(socketUrl());
-  for (int w = 0; w < kWriters; ++w) {
-    ASSERT_GT(userOf[w], 0) << "writer " << w << " never got a user";
-    EXPECT_TRUE(client.users->async<bool>("doesUserExist", userOf[w]).value(kCallMs));
-    for (int n = 0; n < acknowledgedBy[w]; ++n) {
-      ASSERT_EQ(client.get(userOf[w], "k" + std::to_string(n)), "v" + std::to_string(n))
-          << "writer " << w << " lost acknowledged write " << n << " of " << acknowledgedBy[w];
-    }
-  }
+  writes.expectAllThere(client);
   stop(*daemon);
 }
 
@@ -501,6 +455,8 @@ TEST_F(LoadAndFaults, MalformedFramesAreAnsweredOrClosedAndOtherClientsKeepBeing
   std::atomic<bool> done{false};
   std::string wellBehavedFailure;  // written by the well-behaved client only, read after join
   int wellBehavedCalls = 0;        // same
+  std::promise<void> firstCallAnswered;
+  std::future<void> firstCall = firstCallAnswered.get_future();
   std::thread wellBehaved([&] {
     try {
       Client c(socketUrl());
@@ -511,12 +467,17 @@ TEST_F(LoadAndFaults, MalformedFramesAreAnsweredOrClosedAndOtherClientsKeepBeing
           wellBehavedFailure = "wrong answer at call " + std::to_string(n);
           return;
         }
-        ++wellBehavedCalls;
+        if (++wellBehavedCalls == 1) {
+          firstCallAnswered.set_value();
+        }
       }
     } catch (const std::exception& e) {
       wellBehavedFailure = e.what();
     }
   });
+
+  // The bad input starts once the well-behaved client is being served, so it runs alongside.
+  EXPECT_EQ(firstCall.wait_for(kLimit), std::future_status::ready);
 
   // Every seed of the decoder's fuzz corpus: a Hello, then frames of every kind.
   int seeds = 0;
