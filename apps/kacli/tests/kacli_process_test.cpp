@@ -168,24 +168,6 @@ TEST_F(KacliAgainstAServedSession, CallsPickTheOverloadFromTheArgumentsAndPrefix
   expectOk(kacli({"call", "Probe.add", "s:--signature", "s:2"}), "\"--signature2\"\n");
 }
 
-TEST_F(KacliAgainstAServedSession, ResultsOfEveryKindPrintAsJson) {
-  expectOk(kacli({"call", "Probe.echo", "{\"a\":[1,2.5,\"x\",true,null]}"}),
-           "{\"a\":[1,2.5,\"x\",true,null]}\n");
-  expectOk(kacli({"--signature", "call", "Probe.echo", "[1,2]"}), "[i] [1,2]\n");
-  expectOk(kacli({"--signature", "call", "Probe.echo", "[s]:[\"a,b\"]"}), "[s] [\"a,b\"]\n");
-  expectOk(kacli({"--signature", "call", "Probe.echo", "l:7"}), "l 7\n");
-  expectOk(kacli({"call", "Probe.pair"}), "[1,\"one\"]\n");
-  expectOk(kacli({"call", "Probe.table"}), "[[1,\"one\"],[2,\"two\"]]\n");
-}
-
-TEST_F(KacliAgainstAServedSession, TheVoidValuePrintsNothingAndTheEmptyValueNull) {
-  expectOk(kacli({"call", "Probe.nothing"}), "");
-  expectOk(kacli({"--signature", "call", "Probe.nothing"}), "v\n");
-  expectOk(kacli({"call", "Probe.empty"}), "null\n");
-  expectOk(kacli({"call", "Probe.echo", "null"}), "null\n");
-  expectOk(kacli({"--signature", "call", "Probe.empty"}), "m null\n");
-}
-
 TEST_F(KacliAgainstAServedSession, FailuresPrintOneLineAndExitOneForCallsAndTwoForUsage) {
   expectFailure(kacli({"call", "Nope.add", "1"}), 1, "kacli: Cannot find service \"Nope\"");
   expectFailure(kacli({"info", "Nope"}), 1, "kacli: Cannot find service \"Nope\"");
