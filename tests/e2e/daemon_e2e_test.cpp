@@ -11,21 +11,13 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <mutex>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -69,27 +61,6 @@ TEST_F(Daemon, WithoutFlagsPutsTheSocketInTheRuntimeDirAndTheStoreInTheDataDir) 
   stop(*daemon);
 }
 
-TEST_F(Daemon, KeepsWhatAClientWroteAcrossARestart) {
-  int user = 0;
-  {
-    auto daemon = start();
-    ASSERT_TRUE(daemon);
-    Client client(socketUrl());
-    user = client.createUser();
-    EXPECT_TRUE(client.set(user, "name", "Ada"));
-    EXPECT_TRUE(client.set(user, "nickname", "Countess"));
-    stop(*daemon);
-  }
-  auto daemon = start();
-  ASSERT_TRUE(daemon);
-  Client client(socketUrl());
-  EXPECT_TRUE(client.users->call<bool>("doesUserExist", user));
-  EXPECT_EQ(client.get(user, "name"), "Ada");
-  EXPECT_EQ(client.get(user, "nickname"), "Countess");
-  EXPECT_GT(client.createUser(), user) << "an id was handed out twice";
-  stop(*daemon);
-}
-
 TEST_F(Daemon, ASecondDaemonOnTheSameSocketExitsWithOneLineWhileTheFirstKeepsServing) {
   auto first = start();
   ASSERT_TRUE(first);
@@ -100,26 +71,6 @@ TEST_F(Daemon, ASecondDaemonOnTheSameSocketExitsWithOneLineWhileTheFirstKeepsSer
   Client client(socketUrl());
   EXPECT_GT(client.createUser(), 0);
   stop(*first);
-}
-
-TEST_F(Daemon, ReplacesAStaleSocketFileLeftByACrash) {
-  fs::create_directories(stateDir());
-  const fs::path socket = stateDir() / "qvuserinfod.sock";
-  {
-    // What a daemon killed with SIGKILL leaves: a socket file nobody listens on.
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ::close(fd);
-  }
-  auto daemon = start();
-  ASSERT_TRUE(daemon);
-  Client client(socketUrl());
-  EXPECT_GT(client.createUser(), 0);
-  stop(*daemon);
 }
 
 TEST_F(Daemon, RefusesToStartWithOneLineNamingWhatItCannotUse) {
