@@ -31,15 +31,11 @@ class RealSessionTest : public FrontTest {
   void SetUp() override {
     servicesOnFrontSession = true;
     FrontTest::SetUp();
-  }
-
-  // A fresh instance on the test's file, published as "QVUserSession".
-  void openUserSession() {
     userSessionService = usersFile.open();
     publishUserSessionObject(QV::makeUserSessionObject(userSessionService));
+    startFront();
   }
 
-  // The client's "QVUserSession", looked up afresh: it may have been replaced.
   ka::AnyObject users() const { return clientSession->service("QVUserSession").value(kWaitMs); }
   int createUser() const { return users()->call<int>("createUser"); }
   bool deleteUsers(const Ids& userIds) const { return users()->call<bool>("deleteUsers", userIds); }
@@ -56,29 +52,18 @@ class RealSessionTest : public FrontTest {
     if (signature == "s") {
       return "s:" + value.toString();
     }
-    if (signature == "i") {
-      return "i:" + std::to_string(value.toInt64());
-    }
     return signature + ":";
   }
 
-  // Everything the knowledge store holds about `userId`, photo storage included.
   Rows rowsOf(int userId) {
     return knowledge.direct().queryTriplet("*", std::to_string(userId), "*", "*");
-  }
-  Rows rowsOutsidePhotoStorage(int userId) {
-    Rows rows = rowsOf(userId);
-    rows.erase(std::remove_if(rows.begin(), rows.end(),
-                              [](const auto& row) { return row.at(0) == kPhotoDomain; }),
-               rows.end());
-    return rows;
   }
   // The removal of a deleted user's data runs on a queued delivery: waits until it has.
   bool waitUntilDataIsGone(const Ids& userIds) {
     return knowledge.waitFor(
         [&](const StoreCalls&) {
           return std::all_of(userIds.begin(), userIds.end(),
-                             [&](int id) { return rowsOutsidePhotoStorage(id).empty(); });
+                             [&](int id) { return rowsOf(id).empty(); });
         },
         kWaitMs);
   }
@@ -87,19 +72,7 @@ class RealSessionTest : public FrontTest {
   boost::shared_ptr<QV::UserSessionService> userSessionService;
 };
 
-// --- A front gone before its user session
-// --------------------------------------------------------------------------
-
-class RealSessionDeletionTest : public RealSessionTest {
- protected:
-  void SetUp() override {
-    RealSessionTest::SetUp();
-    openUserSession();
-    startFront();
-  }
-};
-
-TEST_F(RealSessionDeletionTest, AFrontGoneAfterItsUserSessionLeftIsNotCalledByThatInstanceAgain) {
+TEST_F(RealSessionTest, AFrontGoneAfterItsUserSessionLeftIsNotCalledByThatInstanceAgain) {
   const int user = createUser();
   ASSERT_TRUE(call<bool>("_set", user, "name", text("Ada")));
   // The service leaves but its instance lives on, as in a host stopping: the front lets go of
@@ -134,16 +107,10 @@ TEST_F(RealSessionDeletionTest, AFrontGoneAfterItsUserSessionLeftIsNotCalledByTh
   EXPECT_EQ(calls(), StoreCalls{}) << "the front that is gone erased the user";
 }
 
-// --- Users created and deleted under concurrent calls ----------------------------------------
-
-class RealSessionStressTest : public RealSessionTest {};
-
-TEST_F(RealSessionStressTest, CallsOnUsersBeingCreatedAndDeletedAnswerOrRefuseAndLeaveNoData) {
+TEST_F(RealSessionTest, CallsOnUsersBeingCreatedAndDeletedAnswerOrRefuseAndLeaveNoData) {
   constexpr int kCallers = 2;
   constexpr std::size_t kLiveUsers = 3;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(1000);
-  openUserSession();
-  startFront();
   const int steady = createUser();
 
   std::mutex mutex;
