@@ -128,8 +128,7 @@ boost::shared_ptr<QV::UserSessionService> UserSessionFile::open() const {
 }
 
 void FrontTest::SetUp() {
-  ka::log::setDefaultHandlerEnabled(false);
-  ka::log::setVerbosity("QVUserInfo*", ka::LogLevel::Debug);
+  CapturingTest::SetUp();
   session = ka::makeSession();
   services = servicesOnFrontSession ? session : ka::makeSession(session);
   services->registerService("QVKnowledge", knowledge.object()).value(kWaitMs);
@@ -145,8 +144,7 @@ void FrontTest::TearDown() {
   session->close();
   client.reset();
   front.reset();
-  ka::log::resetVerbosity();
-  ka::log::setDefaultHandlerEnabled(true);
+  CapturingTest::TearDown();
 }
 
 std::unique_ptr<UserSessionDouble> FrontTest::makeUserSession(UserSessionOptions options) {

@@ -26,10 +26,8 @@ namespace front_test {
 
 using userdata_test::kOwnDomain;
 using userdata_test::kWaitMs;
-using userdata_test::LogCapture;
 using userdata_test::LogLine;
 using userdata_test::LogLines;
-using userdata_test::RecordingKnowledge;
 using userdata_test::StoreCall;
 using userdata_test::StoreCalls;
 
@@ -108,7 +106,7 @@ struct Emission {
 std::ostream& operator<<(std::ostream& out, const Emission& emission);
 using Emissions = std::vector<Emission>;
 
-class FrontTest : public ::testing::Test {
+class FrontTest : public userdata_test::CapturingTest {
  protected:
   void SetUp() override;
   void TearDown() override;
@@ -125,8 +123,6 @@ class FrontTest : public ::testing::Test {
   // from a second session and records the signals it sees; then forgets every call and log line.
   void startFront();
 
-  StoreCalls storeCalls() const { return knowledge.calls(); }
-  LogLines logs() const { return capture.lines(); }
   Emissions edited() const;
   Emissions removed() const;
   void forget();
@@ -138,10 +134,8 @@ class FrontTest : public ::testing::Test {
   ka::SessionPtr session;
   ka::SessionPtr services;
   ka::SessionPtr clientSession;
-  RecordingKnowledge knowledge;
   std::unique_ptr<UserSessionDouble> userSession = makeUserSession();
   unsigned int userSessionId = 0;
-  LogCapture capture;
   boost::shared_ptr<QV::QVUserInfo> front;
   ka::AnyObject client;
 

@@ -103,7 +103,7 @@ TEST_F(FrontTrackingTest, AServiceArrivingLaterIsUsedAndItsLeavingIsNoticed) {
   EXPECT_EQ(front->get("name").signature().toString(), "v");
   EXPECT_EQ(logs(), serviceAbsentLines());
   EXPECT_TRUE(userSession->calls().empty()) << "a handle was kept after the service left";
-  EXPECT_TRUE(storeCalls().empty());
+  EXPECT_TRUE(calls().empty());
 }
 
 TEST_F(FrontTrackingTest, OnlyTheExactNameIsFollowed) {
@@ -205,15 +205,15 @@ TEST_F(FrontTrackingTest, DeletedUsersLoseTheirDataInListOrderWithoutChecksOrSig
       },
       kWaitMs));
 
-  const StoreCalls calls = storeCalls();
-  ASSERT_EQ(calls.size(), 5u) << "an empty list or the photo storage caused calls";
-  EXPECT_EQ(calls[0], userQuery(3)) << "the empty list, delivered first, did nothing";
+  const StoreCalls made = calls();
+  ASSERT_EQ(made.size(), 5u) << "an empty list or the photo storage caused calls";
+  EXPECT_EQ(made[0], userQuery(3)) << "the empty list, delivered first, did nothing";
   for (const std::size_t i : {1u, 2u}) {
-    EXPECT_EQ(calls[i].method, "remove");
-    EXPECT_EQ(calls[i].args.at(1), "3");
+    EXPECT_EQ(made[i].method, "remove");
+    EXPECT_EQ(made[i].args.at(1), "3");
   }
-  EXPECT_EQ(calls[3], userQuery(5));
-  EXPECT_EQ(calls[4], (StoreCall{"remove", {kOwnDomain, "5", "name", "Five"}}));
+  EXPECT_EQ(made[3], userQuery(5));
+  EXPECT_EQ(made[4], (StoreCall{"remove", {kOwnDomain, "5", "name", "Five"}}));
   EXPECT_EQ(store.getObject(kPhotoDomain, "3", "face"), Strings{"f3"});
   EXPECT_EQ(store.getObject(kOwnDomain, "4", "name"), Strings{"Four"});
   EXPECT_TRUE(store.getObject(kOtherDomain, "3", "nickname").empty());

@@ -49,13 +49,13 @@ TEST_F(FrontRefusalTest, WithoutUserSessionEveryUserOperationRefusesAndLogsTwice
     forget();
     EXPECT_TRUE(c.refused());
     EXPECT_EQ(logs(), serviceAbsentLines());
-    EXPECT_TRUE(storeCalls().empty());
+    EXPECT_TRUE(calls().empty());
   }
   forget();
   EXPECT_EQ(front->get(3, "name").signature().toString(), "v");
   EXPECT_FALSE(front->_set(3, "name", text("Ann")));
   EXPECT_EQ(logs(), LogLines(2, serviceAbsentLines().front()));
-  EXPECT_TRUE(storeCalls().empty());
+  EXPECT_TRUE(calls().empty());
   EXPECT_TRUE(edited().empty());
   EXPECT_TRUE(removed().empty());
 }
@@ -82,7 +82,7 @@ TEST_F(FrontRefusalTest, NoFocusedUserIsLoggedAndThenUserMinusOneIsAskedFor) {
             (LogLines{frontLine(ka::LogLevel::Error, "xGetFocusedUser", "There is no focused user"),
                       frontLine(ka::LogLevel::Error, "xCheckUser", "User -1 does not exists")}));
   EXPECT_EQ(userSession->calls(), (Strings{"getFocusedUser", "doesUserExist(-1)"}));
-  EXPECT_TRUE(storeCalls().empty());
+  EXPECT_TRUE(calls().empty());
 }
 
 TEST_F(FrontRefusalTest, AnotherNegativeFocusedUserIsTakenAsGivenWithoutALogLine) {
@@ -105,7 +105,7 @@ TEST_F(FrontRefusalTest, UnknownUserIsRefusedWithItsIdInTheLogAndNothingStoredOr
   EXPECT_EQ(logs(),
             LogLines(3, frontLine(ka::LogLevel::Error, "xCheckUser", "User 7 does not exists")));
   EXPECT_EQ(userSession->calls(), Strings(3, "doesUserExist(7)"));
-  EXPECT_TRUE(storeCalls().empty());
+  EXPECT_TRUE(calls().empty());
   EXPECT_TRUE(edited().empty());
   EXPECT_TRUE(removed().empty());
 }
@@ -123,7 +123,7 @@ TEST_F(FrontRefusalTest, AFailingUserCheckReachesTheCallerAndTouchesNothing) {
     EXPECT_NE(std::string(e.what()).find("user sessions are down"), std::string::npos) << e.what();
   }
   EXPECT_THROW((void)front->get(3, "name"), std::exception);
-  EXPECT_TRUE(storeCalls().empty());
+  EXPECT_TRUE(calls().empty());
   EXPECT_TRUE(edited().empty());
 }
 
@@ -154,46 +154,15 @@ class FrontDelegationTest : public FrontTest {
   }
 };
 
-TEST_F(FrontDelegationTest, ReadsTakeTheDomainFirstAndTheOwnDomainWhenNoneIsGiven) {
+// The overloads of get, by name: front_published_test.
+TEST_F(FrontDelegationTest, PresenceTakesTheDomainFirstAndTheOwnDomainWhenNoneIsGiven) {
   auto& store = knowledge.direct();
-  store.update(kOwnDomain, "3", "name", "Own3");
   store.update(kOwnDomain, "5", "name", "Own5");
   store.update(kOtherDomain, "3", "name", "Other3");
-  store.update(kOtherDomain, "5", "name", "Other5");
-  EXPECT_EQ(front->get("name").toString(), "Own5");
-  EXPECT_EQ(front->get(3, "name").toString(), "Own3");
-  EXPECT_EQ(front->get(kOtherDomain, "name").toString(), "Other5");
-  EXPECT_EQ(front->get(kOtherDomain, 3, "name").toString(), "Other3");
-  EXPECT_FALSE(front->get(3, "gender").isValid()) << "nothing stored is the empty value";
-
-  store.remove(kOwnDomain, "3", "name", "?");
-  store.remove(kOtherDomain, "5", "name", "?");
   EXPECT_TRUE(front->has("name"));
   EXPECT_FALSE(front->has(3, "name"));
   EXPECT_FALSE(front->has(kOtherDomain, "name"));
   EXPECT_TRUE(front->has(kOtherDomain, 3, "name"));
-}
-
-TEST_F(FrontDelegationTest, RemovalsPutTheIdInTheMiddleExceptRemoveUserWhichTakesItLast) {
-  knowledge.direct().update(kOtherDomain, "3", "name", "Other3");
-  knowledge.direct().update(kOtherDomain, "5", "name", "Other5");
-  ASSERT_TRUE(front->remove(kOtherDomain, 3, "name"));
-  ASSERT_TRUE(front->remove(kOtherDomain, "name"));
-  ASSERT_TRUE(front->removeUser(kOtherDomain, 3));
-  ASSERT_TRUE(front->removeUser(kOtherDomain));
-  StoreCalls removals;
-  for (const StoreCall& call : storeCalls()) {
-    if (call.method == "remove") {
-      removals.push_back(call);
-    }
-  }
-  EXPECT_EQ(removals, (StoreCalls{{"remove", {kOtherDomain, "3", "name", "?"}},
-                                  {"remove", {kOtherDomain, "5", "name", "?"}},
-                                  {"remove", {kOtherDomain, "3", "?", "?"}},
-                                  {"remove", {kOtherDomain, "5", "?", "?"}}}));
-  EXPECT_EQ(userSession->calls(),
-            (Strings{"doesUserExist(3)", "getFocusedUser", "doesUserExist(5)", "doesUserExist(3)",
-                     "getFocusedUser", "doesUserExist(5)"}));
 }
 
 TEST_F(FrontDelegationTest, TheOwnDomainIsEditedOnlyThroughTheUnderscoreOperations) {

@@ -31,9 +31,7 @@ TEST_F(UserDataTest, RangeRulesAcceptTheirBoundsAndRejectJustBeyondWithTheirMess
       {"birthyear", ka::AnyValue(0), ""},
       {"birthyear", ka::AnyValue(-1), "birth year can't be a negative"},
       {"birthyear", ka::AnyValue(std::int64_t{5000000000}), ""},
-      {"firstencounter", ka::AnyValue(0), ""},
       {"firstencounter", ka::AnyValue(-1), "first encounter value can't be a negative"},
-      {"lastseen", ka::AnyValue(0), ""},
       {"lastseen", ka::AnyValue(std::int64_t{-1}), "last seen value can't be a negative"},
       {"birthmonth", ka::AnyValue(1), ""},
       {"birthmonth", ka::AnyValue(12), ""},
@@ -41,20 +39,15 @@ TEST_F(UserDataTest, RangeRulesAcceptTheirBoundsAndRejectJustBeyondWithTheirMess
       {"birthmonth", ka::AnyValue(13), month},
       // Months and days are judged on their low 32 bits.
       {"birthmonth", ka::AnyValue(std::int64_t{4294967297}), ""},
-      {"birthday", ka::AnyValue(1), ""},
       {"birthday", ka::AnyValue(31), ""},
       {"birthday", ka::AnyValue(0), day},
       {"birthday", ka::AnyValue(32), day},
       {"gender", ka::AnyValue(std::string("m")), ""},
       {"gender", ka::AnyValue(std::string("f")), ""},
       {"gender", ka::AnyValue(std::string("M")), gender},
-      {"gender", ka::AnyValue(std::string("F")), gender},
       {"gender", ka::AnyValue(std::string("male")), gender},
       {"gender", ka::AnyValue(std::string("")), gender},
-      {"gender", ka::AnyValue(std::string("m ")), gender},
       {"name", ka::AnyValue(std::string("")), ""},
-      {"fullname", ka::AnyValue(std::string("Ada Lovelace")), ""},
-      {"pronunciation", ka::AnyValue(std::string("ay-da")), ""},
   };
   for (const RangeCase& c : cases) {
     forget();
@@ -109,15 +102,6 @@ TEST_F(UserDataTest, A64BitValueGetsAnEmptyTypeNameOnceAWriteToAnotherDomainHasE
   forget();
   EXPECT_TRUE(store->xCheckDataRange("nickname", ka::AnyValue(std::int64_t{3})));
   EXPECT_EQ(calls(), (StoreCalls{{"update", {kOwnDomain, "nickname", "rangeType", ""}}}));
-}
-
-TEST_F(UserDataTest, MessagesOfAHiddenLevelAreNotDelivered) {
-  ka::log::setVerbosity("QVUserInfoPrivate", ka::LogLevel::Error);
-  EXPECT_FALSE(store->xCheckDataRange("age", ka::AnyValue(-1)));
-  EXPECT_EQ(store->xCheckTypeAndCastToString(ka::AnyValue(1.5)), "");
-  EXPECT_EQ(logs(),
-            (LogLines{storeLine(ka::LogLevel::Error, "xCheckTypeAndCastToString",
-                                "User data can only be of type \"string\" \"int\" or \"bool\"")}));
 }
 
 }  // namespace

@@ -119,9 +119,18 @@ void LogCapture::clear() {
   state_->lines.clear();
 }
 
-void UserDataTest::SetUp() {
+void CapturingTest::SetUp() {
   ka::log::setDefaultHandlerEnabled(false);
   ka::log::setVerbosity("QVUserInfo*", ka::LogLevel::Debug);
+}
+
+void CapturingTest::TearDown() {
+  ka::log::resetVerbosity();
+  ka::log::setDefaultHandlerEnabled(true);
+}
+
+void UserDataTest::SetUp() {
+  CapturingTest::SetUp();
   session = ka::makeSession();
   session->registerService("QVKnowledge", knowledge.object()).value(kWaitMs);
   handle = boost::make_shared<ka::AnyObject>(session->service("QVKnowledge").value(kWaitMs));
@@ -132,8 +141,7 @@ void UserDataTest::SetUp() {
 void UserDataTest::TearDown() {
   store.reset();
   session->close();
-  ka::log::resetVerbosity();
-  ka::log::setDefaultHandlerEnabled(true);
+  CapturingTest::TearDown();
 }
 
 std::unique_ptr<QV::QVUserInfoPrivate> UserDataTest::makeStore() {

@@ -108,7 +108,21 @@ class LogCapture {
   ka::log::ScopedHandler handler_;
 };
 
-class UserDataTest : public ::testing::Test {
+// What every test of the library shares: the recording knowledge store and the captured log
+// lines, with only the service's categories logged while the test runs.
+class CapturingTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  StoreCalls calls() const { return knowledge.calls(); }
+  LogLines logs() const { return capture.lines(); }
+
+  RecordingKnowledge knowledge;
+  LogCapture capture;
+};
+
+class UserDataTest : public CapturingTest {
  protected:
   void SetUp() override;
   void TearDown() override;
@@ -116,18 +130,14 @@ class UserDataTest : public ::testing::Test {
   // A data store on the session's "QVKnowledge" whose today is `today` (read at each use).
   std::unique_ptr<QV::QVUserInfoPrivate> makeStore();
 
-  StoreCalls calls() const { return knowledge.calls(); }
-  LogLines logs() const { return capture.lines(); }
   void forget() {
     knowledge.clearCalls();
     capture.clear();
   }
 
   ka::SessionPtr session;
-  RecordingKnowledge knowledge;
   QV::QVUserInfoPrivate::KnowledgeHandle handle;
   std::shared_ptr<QDate> today = std::make_shared<QDate>(2026, 6, 15);
-  LogCapture capture;
   // Built in SetUp; the declarations it made are forgotten.
   std::unique_ptr<QV::QVUserInfoPrivate> store;
 };

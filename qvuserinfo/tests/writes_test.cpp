@@ -34,14 +34,6 @@ TEST_F(UserDataTest, ABuiltInValueIsCheckedThenWrittenAsTextInTheServiceDomain) 
   EXPECT_TRUE(logs().empty());
 }
 
-TEST_F(UserDataTest, ANameOutsideTheSchemaIsTypedThenWrittenInTheServiceDomain) {
-  EXPECT_TRUE(store->update(7, "nickname", ka::AnyValue(std::string("Ada"))));
-  EXPECT_EQ(calls(), (StoreCalls{{"update", {kOwnDomain, "nickname", "rangeType", "string"}},
-                                 {"update", {kOwnDomain, "7", "nickname", "Ada"}}}));
-  EXPECT_TRUE(store->update(7, "verified", ka::AnyValue(true)));
-  EXPECT_EQ(store->get(7, "verified", kOwnDomain).to<bool>(), true);
-}
-
 TEST_F(UserDataTest, RefusedWritesIntoTheServiceDomainWriteNothing) {
   struct Case {
     const char* what;
@@ -199,9 +191,7 @@ TEST_F(UserDataTest, EveryOperationPassesStoreFailuresOnAndNeedsAKnowledgeObject
       [&] { (void)store->update(7, "name", ka::AnyValue(std::string("Bob"))); },
       [&] { (void)store->set(7, "name", ka::AnyValue(std::string("Bob")), kOther); },
       [&] { (void)store->remove(7, "name"); },
-      [&] { (void)store->remove(7, "name", kOther); },
       [&] { store->removeUser(7); },
-      [&] { (void)store->removeUser(7, kOther); },
   };
   for (const auto& edit : edits) {
     try {

@@ -133,9 +133,4 @@ TEST_F(DefaultUrl, TheDataDirFollowsXdgDataHomeThenHome) {
   EXPECT_THROW(qvapp::dataDir(), qvapp::DirectoryError);
 }
 
-TEST_F(DefaultUrl, ASocketUrlIsAbsoluteAndNormalised) {
-  EXPECT_EQ(qvapp::socketUrlIn("./var"), "unix://" + (dir_ / "var/qvuserinfod.sock").string());
-  EXPECT_EQ(qvapp::socketUrlIn("/srv/x/"), "unix:///srv/x/qvuserinfod.sock");
-}
-
 }  // namespace

@@ -1,13 +1,10 @@
-// The knowledge store served as "QVKnowledge": signatures, calls, argument checks, parallel reads.
+// The knowledge store served as "QVKnowledge": signatures, calls and argument checks.
 
 #include <qvknowledge/knowledge_service.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
-#include <future>
 #include <set>
 #include <string>
 #include <vector>
@@ -63,30 +60,6 @@ TEST_F(KnowledgeOverSession, RefusesArgumentsOfTheWrongTypeOrCountAndStoresNothi
       ::testing::ThrowsMessage<std::runtime_error>(::testing::HasSubstr("update")));
   EXPECT_THROW(call<void>("update", "only three", "a", "b"), std::runtime_error);
   EXPECT_TRUE(call<Rows>("queryTriplet", "*", "*", "*", "*").empty());
-}
-
-TEST_F(KnowledgeOverSession, ServesReadersWhileAWriterUpdates) {
-  call<void>("update", "dom", "1", "k", "0");
-  std::atomic<bool> stop{false};
-  std::atomic<int> torn{0};
-  std::vector<std::future<void>> readers;
-  for (int r = 0; r < 3; ++r) {
-    readers.push_back(std::async(std::launch::async, [&] {
-      while (!stop) {
-        torn += call<Strings>("getObject", "dom", "1", "k").size() == 1 ? 0 : 1;
-      }
-    }));
-  }
-  for (int i = 1; i <= 200; ++i) {
-    call<void>("update", "dom", "1", "k", std::to_string(i));
-  }
-  stop = true;
-  for (auto& reader : readers) {
-    ASSERT_EQ(reader.wait_for(std::chrono::milliseconds(kWaitMs)), std::future_status::ready);
-    reader.get();
-  }
-  EXPECT_EQ(torn.load(), 0);
-  EXPECT_EQ(call<Strings>("getObject", "dom", "1", "k"), Strings{"200"});
 }
 
 TEST(KnowledgeRegistration, FailsClearlyForAFileThatIsNotAStore) {

@@ -134,25 +134,18 @@ void flipCellCount(const std::string& at, const std::string& tree) {
 }
 
 // What a writer of another application (foreign) or of a newer store version (newer) leaves when
-// it dies with the database open (its WAL still holds the change) or after closing it.
+// it dies with the database open: its WAL still holds the change, which a check of the main file's
+// header alone would miss (a closed file is the easier case of the same check).
 void leaveBehind(const std::string& at, bool asStore,
-                 const std::function<void(SQLite::Database&)>& write, bool leftOpen) {
+                 const std::function<void(SQLite::Database&)>& write) {
   const std::string source = at + ".source";
   if (asStore) {
     TripletStore(source).add("users", "alice", "email", "a@x");
   }
-  {
-    SQLite::Database writer(source, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
-    write(writer);
-    if (leftOpen) {
-      ASSERT_TRUE(fs::exists(source + "-wal"));
-      copyDatabase(source, at);
-    }
-  }
-  if (!leftOpen) {
-    copyDatabase(source, at);
-    ASSERT_FALSE(fs::exists(at + "-wal"));
-  }
+  SQLite::Database writer(source, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+  write(writer);
+  ASSERT_TRUE(fs::exists(source + "-wal"));
+  copyDatabase(source, at);
 }
 
 void foreignWal(SQLite::Database& db) {
@@ -214,26 +207,15 @@ TEST_F(RefusedFile, EachDamagedForeignNewerOrReadOnlyFileIsRefusedWithItsReasonA
          flipCellCount(at, "triplets_by_object");
        },
        "the file is damaged: quick_check found: "},
-      {"bit flip in triplets_by_key",
-       [](const std::string& at) {
-         createStore(at);
-         flipCellCount(at, "triplets_by_key");
-       },
-       "the file is damaged: quick_check found: "},
       {"bit flip in triplets",
        [](const std::string& at) {
          createStore(at);
          flipCellCount(at, "triplets");
        },
        "the file is damaged: quick_check found: "},
-      {"foreign, left open",
-       [](const std::string& at) { leaveBehind(at, false, foreignWal, true); },
+      {"foreign, left open", [](const std::string& at) { leaveBehind(at, false, foreignWal); },
        "application_id 0x0000002A"},
-      {"foreign, closed", [](const std::string& at) { leaveBehind(at, false, foreignWal, false); },
-       "application_id 0x0000002A"},
-      {"newer, left open", [](const std::string& at) { leaveBehind(at, true, newerStore, true); },
-       "schema version 99 is newer"},
-      {"newer, closed", [](const std::string& at) { leaveBehind(at, true, newerStore, false); },
+      {"newer, left open", [](const std::string& at) { leaveBehind(at, true, newerStore); },
        "schema version 99 is newer"},
       {"another application's tables",
        [](const std::string& at) {
@@ -511,16 +493,6 @@ class BusyWait : public FileStore {
 
   std::optional<SQLite::Database> other;
 };
-
-TEST_F(BusyWait, AWriteWaitsForTheLockAndSucceedsOnceItIsReleased) {
-  TripletStore store(path);
-  auto write = std::async(std::launch::async, [&] { store.add("users", "bob", "email", "b@x"); });
-  EXPECT_EQ(write.wait_for(200ms), std::future_status::timeout) << "did not wait for the lock";
-  release();
-  ASSERT_EQ(write.wait_for(kHangLimit), std::future_status::ready);
-  write.get();
-  EXPECT_TRUE(store.contains("users", "bob", "email", "b@x"));
-}
 
 TEST_F(BusyWait, AWriteGivesUpWithAClearErrorAfterTheBusyTimeoutAndReadsGoOn) {
   TripletStoreOptions options;

@@ -153,20 +153,6 @@ TEST_F(ObjectOrder, GetObjectReturnsObjectsOldestFirstWhateverTheirBytesThroughR
   EXPECT_EQ(store.getObject("users", "alice", "tae"), Objects{"before"});
 }
 
-TEST_F(ObjectOrder, GetObjectKeepsInsertionOrderWhenItIsAscendingOrDescendingInBytes) {
-  store.addMany({{"d", "up", "p", "a"}, {"d", "up", "p", "b"}, {"d", "up", "p", "c"}});
-  store.addMany({{"d", "down", "p", "c"}, {"d", "down", "p", "b"}, {"d", "down", "p", "a"}});
-  EXPECT_EQ(store.getObject("d", "up", "p"), (Objects{"a", "b", "c"}));
-  EXPECT_EQ(store.getObject("d", "down", "p"), (Objects{"c", "b", "a"}));
-  // The newest row removed and its id given to the next insert: still the newest.
-  store.remove("d", "up", "p", "c");
-  store.add("d", "up", "p", "0");
-  store.remove("d", "up", "p", "a");
-  store.add("d", "up", "p", "a");
-  EXPECT_EQ(store.getObject("d", "up", "p"), (Objects{"b", "0", "a"}));
-  EXPECT_EQ(store.getObject("d", "nobody", "p"), Objects{});
-}
-
 // "?" is a wildcard in the subject, predicate and object of contains() and remove(); "*" in any
 // position of queryTriplet(). Everywhere else, getObject() included, both are plain bytes.
 using Matching = MemoryStore;
