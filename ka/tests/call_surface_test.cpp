@@ -47,35 +47,6 @@ TEST(CallArguments, TextOfEveryCppSpellingIsAString) {
   EXPECT_EQ(heard, "posted");
 }
 
-TEST(CallArguments, DynamicValuesAreTypedByWhatTheyHold) {
-  ka::AnyObject o = overloadedObject();
-  int seven = 7;
-  std::string text = "held";
-  EXPECT_EQ(o->call<std::string>("which", ka::AnyReference::from(seven)), "int 7");
-  EXPECT_EQ(o->call<std::string>("which", ka::AnyReference::from(text)), "string held");
-  EXPECT_EQ(o->call<std::string>("which", ka::AnyValue(8)), "int 8");
-  EXPECT_EQ(o->call<std::string>("which", ka::AnyValue(std::string("owned"))), "string owned");
-  EXPECT_EQ(o->async<std::string>("which", ka::AnyReference::from(seven)).value(kWaitMs), "int 7");
-  // Nothing is not a value of any type.
-  EXPECT_THROW(o->call<std::string>("which", ka::AnyValue()), ka::FutureError);
-}
-
-TEST(CallArguments, OtherScalarsReachAnIntOnlyThroughTheConversionRules) {
-  ka::AnyObject o = overloadedObject();
-  EXPECT_EQ(o->call<int>("id", 7.0), 7);
-  EXPECT_EQ(o->call<int>("id", true), 1);
-  EXPECT_EQ(o->call<int>("id", 'a'), 97);
-  // Lossy conversions are refused, never rounded or wrapped.
-  EXPECT_THROW(o->call<int>("id", 7.5), ka::FutureError);
-  EXPECT_THROW(o->call<int>("id", 1e10), ka::FutureError);
-  EXPECT_THROW(o->call<int>("id", std::int64_t{1} << 40), ka::FutureError);
-  try {
-    o->call<int>("id", 7.5);
-  } catch (const ka::FutureError& e) {
-    EXPECT_NE(std::string(e.what()).find("Cannot convert"), std::string::npos) << e.what();
-  }
-}
-
 // Emits from a const member function, as a read-only accessor that reports use would.
 class Counter {
  public:

@@ -112,12 +112,6 @@ TEST(EventLoopExceptions, ThrowingTaskIsLoggedAndItsWorkerCarriesOn) {
   EXPECT_EQ(loop.threadCount(), 1);
 }
 
-TEST(ManagedBlocking, SingleWorkerMayWaitOnATaskItQueued) {
-  EventLoop loop("blocking", 1);
-  Future<int> outer = loop.async([&] { return loop.async([] { return 7; }).value(kLimit); });
-  EXPECT_EQ(outer.value(kLimit), 7);
-}
-
 TEST(ManagedBlocking, TwoWorkersMayBothWaitOnAThirdTask) {
   EventLoop loop("blocking", 2);
   Promise<int> third;
