@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -147,79 +148,27 @@ TEST(ObjectHandle, ThatHoldsNothingThrowsOnEveryUse) {
   }
 }
 
-// Counts how many calls are inside a method at once, and lets a test hold them there.
-class Gate {
- public:
-  // Enters, then waits until `expected` calls have been inside together or the window
-  // closes.
-  // Returns the largest number seen inside at once.
-  int enterAndWaitFor(int expected, std::chrono::milliseconds window) {
-    std::unique_lock<std::mutex> lock(_m);
-    ++_inside;
-    _max = std::max(_max, _inside);
-    _cv.notify_all();
-    _cv.wait_for(lock, window, [&] { return _max >= expected; });
-    const int seen = _max;
-    --_inside;
-    return seen;
-  }
-  int max() {
-    std::lock_guard<std::mutex> lock(_m);
-    return _max;
-  }
-
- private:
-  std::mutex _m;
-  std::condition_variable _cv;
-  int _inside = 0;
-  int _max = 0;
-};
-
-ka::AnyObject gatedObject(Gate& gate, ka::ObjectThreadingModel model, int expected,
-                          std::chrono::milliseconds window) {
-  ka::DynamicObjectBuilder b;
-  b.setThreadingModel(model);
-  b.advertiseMethod("enter",
-                    [&gate, expected, window]() { return gate.enterAndWaitFor(expected, window); });
-  return b.object();
-}
-
-void callFromThreads(ka::AnyObject obj, int n) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < n; ++i) {
-    threads.emplace_back([obj] { obj->call<int>("enter"); });
-  }
-  for (auto& t : threads) {
-    t.join();
-  }
-}
-
 TEST(ThreadingModel, MultiThreadedObjectRunsCallsAtOnce) {
-  Gate gate;
-  callFromThreads(gatedObject(gate, ka::ObjectThreadingModel::MultiThread, 3,
-                              std::chrono::milliseconds(kWaitMs)),
-                  3);
-  EXPECT_EQ(gate.max(), 3);
-}
-
-TEST(ThreadingModel, SingleThreadedObjectNeverRunsTwoCallsTogether) {
-  Gate gate;
-  // Each call lingers briefly hoping for company; with serialisation none arrives.
-  callFromThreads(
-      gatedObject(gate, ka::ObjectThreadingModel::SingleThread, 2, std::chrono::milliseconds(50)),
-      4);
-  EXPECT_EQ(gate.max(), 1);
-}
-
-TEST(ThreadingModel, SingleThreadedObjectMayCallItself) {
+  // Each call waits inside until all three are in: only calls that run at once can meet.
+  std::mutex m;
+  std::condition_variable cv;
+  int inside = 0;  // guarded by m
   ka::DynamicObjectBuilder b;
-  b.setThreadingModel(ka::ObjectThreadingModel::SingleThread);
-  auto self = std::make_shared<ka::AnyObject>();
-  b.advertiseMethod("inner", []() { return 1; });
-  b.advertiseMethod("outer", [self]() { return (*self)->call<int>("inner") + 1; });
-  *self = b.object();
-  EXPECT_EQ((*self)->call<int>("outer"), 2);
-  self->reset();
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("enter", [&] {
+    std::unique_lock<std::mutex> lock(m);
+    ++inside;
+    cv.notify_all();
+    return cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return inside >= 3; });
+  });
+  const ka::AnyObject o = b.object();
+  std::vector<std::future<bool>> calls;
+  for (int i = 0; i < 3; ++i) {
+    calls.push_back(std::async(std::launch::async, [o] { return o->call<bool>("enter"); }));
+  }
+  for (auto& call : calls) {
+    EXPECT_TRUE(call.get());
+  }
 }
 
 struct OpaqueA {};

@@ -1,33 +1,22 @@
 // Sessions that share a directory over connections: two or three sessions of this process,
 // joined through "local://" endpoints, exercise the same message layer as sockets do.
 
-#include <ka/dynamicobjectbuilder.hpp>
+#include "test_util.hpp"
+
 #include <ka/objecttypebuilder.hpp>
-#include <ka/session.hpp>
 
 #include <gtest/gtest.h>
 #include <boost/make_shared.hpp>
 
 #include <pthread.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
-#include <future>
 #include <map>
-#include <mutex>
-#include <string>
-#include <vector>
 
 namespace {
 
-constexpr int kWaitMs = 10000;
+using namespace ka::test;
 
 std::string uniqueUrl() {
   static std::atomic<int> next{0};
@@ -35,34 +24,6 @@ std::string uniqueUrl() {
   return std::string("local://") + test->test_suite_name() + "." + test->name() + "." +
          std::to_string(next++);
 }
-
-// A condition to wait on with a time limit, for whatever subscribers see.
-template <typename T>
-struct Recorder {
-  std::mutex m;
-  std::condition_variable cv;
-  std::vector<T> seen;
-
-  void add(T value) {
-    std::lock_guard<std::mutex> lock(m);
-    seen.push_back(std::move(value));
-    cv.notify_all();
-  }
-  // Everything seen once `pred(seen)` holds, or when time runs out.
-  template <typename P>
-  std::vector<T> waitUntil(P pred) {
-    std::unique_lock<std::mutex> lock(m);
-    cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return pred(seen); });
-    return seen;
-  }
-  std::vector<T> waitFor(std::size_t n) {
-    return waitUntil([n](const std::vector<T>& s) { return s.size() >= n; });
-  }
-  std::vector<T> now() {
-    std::lock_guard<std::mutex> lock(m);
-    return seen;
-  }
-};
 
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -249,23 +210,6 @@ TEST(RemoteSignal, SubscriptionsAreDroppedWithTheConnection) {
   EXPECT_EQ(p.calculator->subscribed.waitFor(1), std::vector<bool>{true});
   p.client->close();
   EXPECT_EQ(p.calculator->subscribed.waitFor(2), (std::vector<bool>{true, false}));
-}
-
-// Records "+<name>" and "-<name>" as a session's "ServiceDirectory" announces them.
-void watchDirectory(const ka::SessionPtr& session, Recorder<std::string>& events) {
-  ka::AnyObject directory = session->service("ServiceDirectory").value(kWaitMs);
-  directory->connect("serviceAdded", [&events](int, const std::string& n) { events.add("+" + n); })
-      .value(kWaitMs);
-  directory
-      ->connect("serviceRemoved", [&events](int, const std::string& n) { events.add("-" + n); })
-      .value(kWaitMs);
-}
-
-ka::AnyObject echoObject(const std::string& prefix) {
-  ka::DynamicObjectBuilder b;
-  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
-  b.advertiseMethod("echo", [prefix](const std::string& s) { return prefix + s; });
-  return b.object();
 }
 
 TEST(RemoteDirectory, ServicesRegisteredByAnyParticipantAreSeenByAll) {
@@ -581,35 +525,16 @@ TEST(RemoteProcess, ItsServicesGoAndItsWaitingCallsFailWhenItIsKilled) {
   Recorder<std::string> events;
   watchDirectory(server, events);
 
-  std::vector<std::string> environment;
-  for (char** e = environ; *e != nullptr; ++e) {
-    environment.emplace_back(*e);
-  }
-  environment.push_back(std::string(kChildUrlVariable) + "=" + server->endpoints().at(0));
-  std::vector<char*> envp;
-  for (auto& entry : environment) {
-    envp.push_back(entry.data());
-  }
-  envp.push_back(nullptr);
-  std::string self = std::filesystem::read_symlink("/proc/self/exe");
-  std::string filter = "--gtest_filter=RemoteProcessChild.ServesUntilKilled";
-  char* argv[] = {self.data(), filter.data(), nullptr};
-  pid_t child = 0;
-  ASSERT_EQ(::posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data()), 0);
-  struct Reaper {
-    pid_t pid;
-    ~Reaper() {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-    }
-  } reaper{child};
+  ChildProcess child("RemoteProcessChild.ServesUntilKilled", kChildUrlVariable,
+                     server->endpoints().at(0));
+  ASSERT_NE(child.pid(), 0);
 
   ASSERT_EQ(events.waitFor(1), std::vector<std::string>{"+Child"});
   ka::AnyObject remote = server->service("Child").value(kWaitMs);
-  EXPECT_EQ(remote->call<int>("pid"), child);
+  EXPECT_EQ(remote->call<int>("pid"), child.pid());
   const auto waiting = remote->async<int>("wait");
 
-  ::kill(child, SIGKILL);
+  child.killAndWait();
   EXPECT_TRUE(contains(waiting.error(kWaitMs), "Connection lost to"));
   EXPECT_EQ(events.waitFor(2), (std::vector<std::string>{"+Child", "-Child"}));
   EXPECT_EQ(remote->async<int>("pid").error(kWaitMs), "Invalid GenericObject");

@@ -3,29 +3,20 @@
 
 #include "socket_test_util.hpp"
 
-#include <ka/log.hpp>
+#include "../test_util.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdlib>
 #include <deque>
 #include <fstream>
-#include <future>
 #include <memory>
 #include <new>
-#include <string>
-#include <thread>
-#include <vector>
-
-extern char** environ;
+#include <optional>
 
 using namespace ka::wire;
 using namespace ka::wire::test;
@@ -59,29 +50,6 @@ void operator delete(void* p, std::size_t) noexcept {
 
 namespace {
 
-// Collects the messages of the transport's log category.
-class LogCapture {
- public:
-  LogCapture()
-      : handler_([this](const ka::log::Message& message) {
-          if (message.category == "ka.transport") {
-            std::lock_guard<std::mutex> lock(mutex_);
-            text_ += message.message + "\n";
-            changed_.notify_all();
-          }
-        }) {}
-  bool waitFor(const std::string& needle) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kWait, [&] { return text_.find(needle) != std::string::npos; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::string text_;  // guarded by mutex_
-  ka::log::ScopedHandler handler_;
-};
-
 // The text of the TransportError that `f` throws, or "" if it throws none.
 template <typename F>
 std::string transportError(F f) {
@@ -103,9 +71,24 @@ class OverEachSocketKind : public testing::TestWithParam<Kind> {
   std::string listenUrl() const {
     return GetParam() == Kind::Unix ? "unix://" + dir_.file("s.sock") : "tcp://127.0.0.1:0";
   }
+  // A server listening with `options`, a client channel to it and the server's end of it, neither
+  // started.
+  void connectPair(const TransportOptions& options = {}) {
+    served.emplace(listenUrl(), options);
+    toServer = client.connect(served->endpoints.at(0), {});
+    toClient = served->next();
+    ASSERT_TRUE(toClient);
+  }
 
  private:
   TempDir dir_;
+
+ protected:
+  // Destroyed after the transports that call them.
+  Recorder atServer, atClient;
+  std::optional<Server> served;
+  Transport client;
+  ChannelPtr toServer, toClient;
 };
 
 INSTANTIATE_TEST_SUITE_P(Sockets, OverEachSocketKind, testing::Values(Kind::Unix, Kind::Tcp),
@@ -117,12 +100,7 @@ TEST_P(OverEachSocketKind, ManyFramesQueuedAtOnceAndEchoedFromTheHandlerKeepThei
   // Enough to fill the socket buffers, so that most frames wait in the queue and go out in
   // batched writes, on both sides (the echo sends from the I/O thread).
   constexpr std::uint64_t kFrames = 20000;
-  Recorder atClient;
-  Server server(listenUrl());
-  Transport client;
-  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
-  ChannelPtr toClient = server.next();
-  ASSERT_TRUE(toClient);
+  ASSERT_NO_FATAL_FAILURE(connectPair());
   std::weak_ptr<Channel> weak = toClient;
   toClient->start(
       [weak](Frame frame) {
@@ -150,12 +128,7 @@ TEST_P(OverEachSocketKind, ConcurrentSendersKeepEachOnesOrderUntilACloseStopsThe
   // Senders race each other, the I/O thread's flushes and, at the end, a close: each sender's
   // frames must arrive in its order without gaps, and the close handler must run once.
   constexpr int kSenders = 4;
-  Recorder atServer, atClient;
-  Server server(listenUrl());
-  Transport client;
-  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
-  ChannelPtr toClient = server.next();
-  ASSERT_TRUE(toClient);
+  ASSERT_NO_FATAL_FAILURE(connectPair());
   atServer.attach(toClient);
   atClient.attach(toServer);
 
@@ -186,12 +159,7 @@ TEST_P(OverEachSocketKind, ConcurrentSendersKeepEachOnesOrderUntilACloseStopsThe
 }
 
 TEST_P(OverEachSocketKind, AFrameLargerThanTheInputBufferArrivesWholeBetweenSmallOnes) {
-  Recorder atServer;
-  Server server(listenUrl());
-  Transport client;
-  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
-  ChannelPtr toClient = server.next();
-  ASSERT_TRUE(toClient);
+  ASSERT_NO_FATAL_FAILURE(connectPair());
   atServer.attach(toClient);
 
   std::string large(3 * 1024 * 1024 + 7, '\0');
@@ -244,12 +212,7 @@ TEST_P(OverEachSocketKind, ClosingRunsEachSidesCloseHandlerOnceWithAReasonAndSto
 TEST_P(OverEachSocketKind, CloseFirstSendsTheFramesQueuedBeforeIt) {
   // More than the socket buffers hold, so that most are still queued when close() is called.
   constexpr std::size_t kFrames = 200;
-  Recorder atServer;
-  Server server(listenUrl());
-  Transport client;
-  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
-  ChannelPtr toClient = server.next();
-  ASSERT_TRUE(toClient);
+  ASSERT_NO_FATAL_FAILURE(connectPair());
   atServer.attach(toClient);
   const std::string chunk(64 * 1024, 'q');
   for (std::size_t i = 0; i < kFrames; ++i) {
@@ -261,7 +224,6 @@ TEST_P(OverEachSocketKind, CloseFirstSendsTheFramesQueuedBeforeIt) {
 }
 
 TEST_P(OverEachSocketKind, APeerVanishingInTheMiddleOfAFrameClosesTheChannelSayingSo) {
-  Recorder atServer;
   Server server(listenUrl());
   RawClient raw(server.endpoints.at(0));
   ASSERT_TRUE(raw.handshake());
@@ -277,7 +239,7 @@ TEST_P(OverEachSocketKind, APeerVanishingInTheMiddleOfAFrameClosesTheChannelSayi
 }
 
 TEST_P(OverEachSocketKind, AnOversizedLengthClosesThatConnectionUnallocatedAndOthersAreServed) {
-  Recorder atServer, atSecond;
+  Recorder atSecond;
   Server server(listenUrl());
   RawClient raw(server.endpoints.at(0));
   ASSERT_TRUE(raw.handshake());
@@ -302,8 +264,8 @@ TEST_P(OverEachSocketKind, AnOversizedLengthClosesThatConnectionUnallocatedAndOt
 }
 
 TEST_P(OverEachSocketKind, GarbageInsteadOfAHeaderClosesTheConnectionBeforeOrAfterTheHandshake) {
-  LogCapture log;
-  Recorder atServer, atReserved;
+  ka::test::LogCapture log("ka.transport");
+  Recorder atReserved;
   Server server(listenUrl());
   {
     RawClient http(server.endpoints.at(0));
@@ -334,28 +296,22 @@ TEST_P(OverEachSocketKind, GarbageInsteadOfAHeaderClosesTheConnectionBeforeOrAft
 TEST_P(OverEachSocketKind, AClientThatNeverReadsIsClosedAtTheOutputLimit) {
   TransportOptions options;
   options.maxQueuedOutput = 1 << 20;
-  Recorder atServer;
-  Server server(listenUrl(), options);
-  Transport client;
-  ChannelPtr idle = client.connect(server.endpoints.at(0), {});  // never started: never reads
-  ChannelPtr toIdle = server.next();
-  ASSERT_TRUE(toIdle);
-  atServer.attach(toIdle);
+  ASSERT_NO_FATAL_FAILURE(connectPair(options));  // toServer is never started: never reads
+  atServer.attach(toClient);
   const std::string chunk(64 * 1024, 'z');
   int sent = 0;
   // The kernel buffers take a few MiB at most; far fewer than this many chunks must hit the limit.
-  while (sent < 2000 && toIdle->send(makeFrame(1, 1, chunk))) {
+  while (sent < 2000 && toClient->send(makeFrame(1, 1, chunk))) {
     ++sent;
   }
   EXPECT_LT(sent, 2000);
   EXPECT_THAT(atServer.waitClose().value_or(""), HasSubstr("output limit exceeded"));
-  EXPECT_FALSE(toIdle->isOpen());
+  EXPECT_FALSE(toClient->isOpen());
 }
 
 TEST_P(OverEachSocketKind, ATokenIsRequiredComparedAndReportedToTheRefusedClient) {
   TransportOptions withToken;
   withToken.token = "s3cret";
-  Recorder atServer;
   Server server(listenUrl(), withToken);
   Transport client;
 
@@ -377,7 +333,7 @@ TEST_P(OverEachSocketKind, ATokenIsRequiredComparedAndReportedToTheRefusedClient
 TEST_P(OverEachSocketKind, AConnectionThatNeverSaysHelloIsDroppedAfterTheHandshakeTime) {
   TransportOptions options;
   options.handshakeTimeout = std::chrono::milliseconds(200);
-  LogCapture log;
+  ka::test::LogCapture log("ka.transport");
   Server server(listenUrl(), options);
   RawClient silent(server.endpoints.at(0));
   ASSERT_TRUE(silent.connected());
@@ -603,38 +559,18 @@ TEST(SecondProcess, ExchangesFramesAndItsKillClosesTheChannel) {
   Recorder atServer;
   Server server("unix://" + dir.file("s.sock"));
 
-  std::vector<std::string> environment;
-  for (char** e = environ; *e != nullptr; ++e) {
-    environment.emplace_back(*e);
-  }
-  environment.push_back(std::string(kChildUrlVariable) + "=" + server.endpoints.at(0));
-  std::vector<char*> envp;
-  for (auto& entry : environment) {
-    envp.push_back(entry.data());
-  }
-  envp.push_back(nullptr);
-  std::string self = std::filesystem::read_symlink("/proc/self/exe");
-  std::string filter = "--gtest_filter=ChildPeer.EchoesFramesUntilKilled";
-  char* argv[] = {self.data(), filter.data(), nullptr};
-  pid_t child = 0;
-  ASSERT_EQ(::posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data()), 0);
-
+  ka::test::ChildProcess child("ChildPeer.EchoesFramesUntilKilled", kChildUrlVariable,
+                               server.endpoints.at(0));
+  ASSERT_NE(child.pid(), 0);
   ChannelPtr toChild = server.next();
-  if (!toChild) {
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    FAIL() << "the child never connected";
-  }
-  EXPECT_THAT(toChild->peerDescription(), HasSubstr("(pid " + std::to_string(child) + ")"));
+  ASSERT_TRUE(toChild) << "the child never connected";
+  EXPECT_THAT(toChild->peerDescription(), HasSubstr("(pid " + std::to_string(child.pid()) + ")"));
   atServer.attach(toChild);
   for (std::uint64_t i = 1; i <= 3; ++i) {
     toChild->send(makeFrame(7, i, "ping " + std::to_string(i)));
   }
   EXPECT_TRUE(atServer.waitFrames(3));
-  ::kill(child, SIGKILL);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFSIGNALED(status));
+  EXPECT_TRUE(WIFSIGNALED(child.killAndWait()));
   const auto reason = atServer.waitClose();
   ASSERT_TRUE(reason);
   EXPECT_THAT(*reason, AnyOf(HasSubstr("closed by peer"), HasSubstr("connection lost")));
