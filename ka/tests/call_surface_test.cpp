@@ -6,6 +6,7 @@
 #include <ka/object.hpp>
 #include <ka/objecttypebuilder.hpp>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <boost/make_shared.hpp>
@@ -78,11 +79,9 @@ TEST(FailureTexts, AreTheSameWhereverTheSameFailureHappens) {
   EXPECT_EQ(o->metaCall("odd", {}, ka::MetaCallType::Direct).error(kWaitMs), unknown);
   EXPECT_EQ(o->metaCall("odd", {}, ka::MetaCallType::Queued).error(kWaitMs), unknown);
   EXPECT_EQ(o->metaCall("noFuture", {}).error(kWaitMs), "function returned an invalid future");
-  try {
-    o->call<std::string>("noFuture");
-  } catch (const ka::FutureError& e) {
-    EXPECT_STREQ(e.what(), "function returned an invalid future");
-  }
+  EXPECT_THAT([&] { o->call<std::string>("noFuture"); },
+              testing::ThrowsMessage<ka::FutureError>(
+                  testing::StrEq("function returned an invalid future")));
 }
 
 TEST(FutureMethods, AnswerWhenTheirFutureEndsAndAdvertiseItsValueType) {

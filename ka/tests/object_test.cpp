@@ -3,6 +3,7 @@
 #include <ka/objecttypebuilder.hpp>
 #include <ka/session.hpp>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <boost/make_shared.hpp>
@@ -15,6 +16,11 @@
 #include <vector>
 
 namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StrEq;
+using testing::ThrowsMessage;
 
 constexpr int kWaitMs = 10000;
 
@@ -79,26 +85,17 @@ TEST_F(PublishedObject, ChoosesTheOverloadWhoseParameterOrderMatches) {
 }
 
 TEST_F(PublishedObject, RefusesUnknownMethodsAndArgumentsThatFitNoOverload) {
-  try {
-    calc->call<int>("twice", 1.5);
-    FAIL() << "1.5 fits neither twice(int) nor twice(string)";
-  } catch (const std::exception& e) {
-    const std::string text = e.what();
-    EXPECT_NE(text.find("twice"), std::string::npos) << text;
-    EXPECT_NE(text.find("(i)"), std::string::npos) << text;
-    EXPECT_NE(text.find("(s)"), std::string::npos) << text;
-  }
+  // 1.5 fits neither twice(int) nor twice(string).
+  EXPECT_THAT(
+      [&] { calc->call<int>("twice", 1.5); },
+      ThrowsMessage<std::exception>(AllOf(HasSubstr("twice"), HasSubstr("(i)"), HasSubstr("(s)"))));
   EXPECT_THROW(calc->call<int>("missing"), std::runtime_error);
   EXPECT_THROW(calc->call<int>("twice", 1, 2), std::runtime_error);
 }
 
 TEST_F(PublishedObject, PassesTheMethodsExceptionTextToTheCaller) {
-  try {
-    calc->call<void>("fail");
-    FAIL();
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "calculator broke");
-  }
+  EXPECT_THAT([&] { calc->call<void>("fail"); },
+              ThrowsMessage<std::runtime_error>(StrEq("calculator broke")));
   EXPECT_EQ(calc->call<int>("twice", 1), 2) << "the object stays usable";
   EXPECT_FALSE(calc->call<ka::AnyValue>("nothing").isValid()) << "an empty result stays empty";
 }
@@ -124,13 +121,9 @@ TEST_F(PublishedObject, DeliversItsSignalToSubscribersConnectedByNameWithTheRigh
 struct NeverRegistered {};
 
 TEST(ObjectHandle, MadeFromAnUnregisteredTypeFailsClearly) {
-  try {
-    ka::makeObject(boost::make_shared<NeverRegistered>());
-    FAIL();
-  } catch (const std::runtime_error& e) {
-    EXPECT_NE(std::string(e.what()).find("NeverRegistered"), std::string::npos) << e.what();
-    EXPECT_NE(std::string(e.what()).find("not registered"), std::string::npos) << e.what();
-  }
+  EXPECT_THAT([] { ka::makeObject(boost::make_shared<NeverRegistered>()); },
+              ThrowsMessage<std::runtime_error>(
+                  AllOf(HasSubstr("NeverRegistered"), HasSubstr("not registered"))));
 }
 
 TEST(ObjectHandle, ThatHoldsNothingThrowsOnEveryUse) {
@@ -139,12 +132,7 @@ TEST(ObjectHandle, ThatHoldsNothingThrowsOnEveryUse) {
            [&] { null->call<int>("x"); },
            [&] { (void)null->connect("s", ka::SignalSubscriber(ka::AnyFunction::from([] {}))); },
            [&] { null->metaObject(); }}) {
-    try {
-      use();
-      FAIL();
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "This object is null");
-    }
+    EXPECT_THAT(use, ThrowsMessage<std::runtime_error>(StrEq("This object is null")));
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include <ka/objecttypebuilder.hpp>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <boost/make_shared.hpp>
 
@@ -132,12 +133,8 @@ TEST(RemoteCall, KeepsTheVoidValueAndTheEmptyValueApart) {
 
 TEST(RemoteCallErrors, ComeBackAsErrorsWhileTheServerKeepsServing) {
   CalculatorPair p;
-  try {
-    p.remote->call<int>("fail");
-    ADD_FAILURE() << "a failing method must fail the call";
-  } catch (const ka::FutureError& e) {
-    EXPECT_EQ(std::string(e.what()), "the calculator failed");
-  }
+  EXPECT_THAT([&] { p.remote->call<int>("fail"); },
+              testing::ThrowsMessage<ka::FutureError>(testing::StrEq("the calculator failed")));
   // One candidate of the right arity: the server converts, and says why it cannot.
   const auto wrong = p.remote->metaCall("echo", {});
   EXPECT_TRUE(wrong.hasError(kWaitMs));

@@ -1,5 +1,6 @@
 #include <ka/anyvalue.hpp>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -73,12 +74,9 @@ TEST(ValueKinds, InvalidValueRefusesToAnswerItsKind) {
   const ka::AnyValue empty;
   EXPECT_FALSE(empty.isValid());
   EXPECT_EQ(empty.signature().toString(), "");
-  try {
-    (void)empty.kind();
-    FAIL() << "kind() of an invalid value must throw";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Can't take the kind of an invalid value");
-  }
+  EXPECT_THAT([&] { (void)empty.kind(); },
+              testing::ThrowsMessage<std::runtime_error>(
+                  testing::StrEq("Can't take the kind of an invalid value")));
 }
 
 TEST(VoidValue, IsValidTypedAndDistinctFromTheEmptyValue) {

@@ -8,6 +8,7 @@
 #include <ka/object.hpp>
 #include <ka/signaturetype.hpp>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -67,12 +68,9 @@ std::string unhex(const std::string& text) {
 // Expects decoding to fail with a text containing `part`.
 void expectRefused(const std::string& bytes, const std::string& signature,
                    const std::string& part) {
-  try {
-    decode(bytes, signature);
-    ADD_FAILURE() << "decoding " << hex(bytes) << " as " << signature << " succeeded";
-  } catch (const DecodeError& e) {
-    EXPECT_NE(std::string(e.what()).find(part), std::string::npos) << e.what();
-  }
+  EXPECT_THAT([&] { decode(bytes, signature); },
+              testing::ThrowsMessage<DecodeError>(testing::HasSubstr(part)))
+      << hex(bytes) << " as " << signature;
 }
 
 AnyValue dynamic(AnyValue content) {
