@@ -26,10 +26,6 @@ std::string uniqueUrl() {
          std::to_string(next++);
 }
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 // A served object with overloads, typed values and a signal whose subscribers the test sees.
 class Calculator {
  public:

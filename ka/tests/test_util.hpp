@@ -73,6 +73,24 @@ inline void watchDirectory(const SessionPtr& session, Recorder<std::string>& eve
   }
 }
 
+inline bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// Whether `condition` holds within the time limit. For state that another thread settles
+// without telling anyone; whatever signals is waited on instead.
+template <typename Condition>
+bool becomes(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::yield();
+  }
+  return true;
+}
+
 inline AnyObject echoObject(const std::string& prefix = "") {
   DynamicObjectBuilder b;
   b.setThreadingModel(ObjectThreadingModel::MultiThread);

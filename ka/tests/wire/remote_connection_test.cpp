@@ -1,23 +1,16 @@
 // The message layer on its own: two Connections over an in-process channel pair that the tests
 // slow down or cut, and a hand-driven peer that sends what a broken or hostile client would.
 
-#include <ka/dynamicobjectbuilder.hpp>
-
 #include "wire/connection.hpp"
 #include "wire/local_channel.hpp"
 #include "wire/messages.hpp"
 
+#include "../test_util.hpp"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <future>
 #include <map>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -26,23 +19,8 @@ using namespace ka::wire;
 constexpr int kWaitMs = 10000;
 constexpr auto kWait = std::chrono::milliseconds(kWaitMs);
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-// Whether `condition` holds within the test's time limit. For state that another thread
-// settles without telling anyone; everything that signals is waited on instead.
-template <typename Condition>
-bool becomes(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kWait;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::yield();
-  }
-  return true;
-}
+using ka::test::becomes;
+using ka::test::contains;
 
 ka::AnyObject echoObject() {
   ka::DynamicObjectBuilder b;
