@@ -48,28 +48,6 @@ TEST(CallArguments, TextOfEveryCppSpellingIsAString) {
   EXPECT_EQ(heard, "posted");
 }
 
-// Emits from a const member function, as a read-only accessor that reports use would.
-class Counter {
- public:
-  int peek() const {
-    read(value_);
-    return value_;
-  }
-  ka::Signal<int> read;
-
- private:
-  int value_ = 3;
-};
-
-TEST(ConstSignals, AConstMemberFunctionEmits) {
-  Counter counter;
-  int seen = 0;
-  ka::ScopedConnection c = counter.read.connectScoped([&](int v) { seen = v; });
-  const Counter& view = counter;
-  EXPECT_EQ(view.peek(), 3);
-  EXPECT_EQ(seen, 3);
-}
-
 TEST(FailureTexts, AreTheSameWhereverTheSameFailureHappens) {
   ka::DynamicObjectBuilder b;
   b.advertiseMethod("odd", []() -> int { throw 42; });

@@ -218,21 +218,6 @@ TEST(OverloadResolution, HoldsUnderConcurrentCallsAndLongArgumentLists) {
   EXPECT_EQ(wrong, 0);
 }
 
-TEST(SignalLinks, CanBeDisconnectedThroughAnyHandleOfTheInstance) {
-  auto instance = boost::make_shared<Calculator>();
-  registerCalculator();
-  int calls = 0;
-  ka::SignalLink link;
-  {
-    ka::AnyObject first = ka::makeObject(instance);
-    link = first->connect("changed", [&](int, const std::string&) { ++calls; }).value(kWaitMs);
-  }
-  ka::AnyObject second = ka::makeObject(instance);
-  second->disconnect(link).value(kWaitMs);
-  instance->changed(1, "x");
-  EXPECT_EQ(calls, 0);
-}
-
 TEST(DynamicObject, KeepsAnExplicitMethodIdAndRefusesItTwice) {
   ka::DynamicObjectBuilder b;
   b.advertiseMethod(

@@ -59,17 +59,6 @@ TEST(TypeSignature, ValidatesAndSplitsText) {
   EXPECT_EQ(children[2].toString(), "{sm}");
 }
 
-TEST(ValueSignature, ResolvesDynamicValuesToTheirContent) {
-  const ka::AnyValue dyn = ka::AnyValue::make(ka::AnyValue(42));
-  EXPECT_EQ(dyn.signature().toString(), "m");
-  EXPECT_EQ(dyn.signature(true).toString(), "i");
-  const ka::AnyValue nested = ka::AnyValue::make(dyn);
-  EXPECT_EQ(nested.signature(true).toString(), "i");
-  const ka::AnyValue holdsNothing = ka::AnyValue::make(ka::AnyValue());
-  EXPECT_EQ(holdsNothing.signature(true).toString(), "");
-  EXPECT_EQ(ka::AnyValue(std::string("x")).signature(true).toString(), "s");
-}
-
 TEST(ValueKinds, InvalidValueRefusesToAnswerItsKind) {
   const ka::AnyValue empty;
   EXPECT_FALSE(empty.isValid());
