@@ -1,48 +1,23 @@
 // Waits inside the middleware: single-threaded objects calling each other from many threads, and
 // event-loop workers that block, must always make progress and never stall unrelated work.
 
-#include <ka/dynamicobjectbuilder.hpp>
+#include "test_util.hpp"
+
 #include <ka/eventloop.hpp>
-#include <ka/log.hpp>
-#include <ka/object.hpp>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <future>
 #include <memory>
-#include <mutex>
 #include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
+using ka::test::finishesInTime;
 
 // Long enough never to expire on a loaded machine: reaching it means the test failed.
 constexpr int kLimitMs = 20000;
-
-// Runs `work` on its own thread; false if it has not finished within the limit. A deadlocked
-// thread is abandoned (detached) so that the failure is reported instead of freezing the run.
-bool finishesInTime(std::function<void()> work) {
-  auto done = std::make_shared<std::promise<void>>();
-  std::future<void> finished = done->get_future();
-  std::thread runner([work = std::move(work), done] {
-    work();
-    done->set_value();
-  });
-  if (finished.wait_for(std::chrono::milliseconds(kLimitMs)) != std::future_status::ready) {
-    runner.detach();
-    return false;
-  }
-  runner.join();
-  return true;
-}
 
 // Counts the calls inside a set of methods that never wait: a single-threaded object must never
 // run two of them at once.
@@ -291,20 +266,6 @@ TEST(QueuedCalls, AQueuedCallRunsWhileTheCallInsideBlocksOnIt) {
   self->reset();
 }
 
-// Collects the warnings of the event loop.
-class WarningCount {
- public:
-  int count() const { return _count.load(); }
-
- private:
-  std::atomic<int> _count{0};
-  ka::log::ScopedHandler _handler{[this](const ka::log::Message& m) {
-    if (m.category == "ka.eventloop" && m.level == ka::LogLevel::Warning) {
-      _count.fetch_add(1);
-    }
-  }};
-};
-
 TEST(BlockedWorkers, ManyTasksEachWaitingOnAnotherTaskOfTheSameLoopAllComplete) {
   ka::EventLoop loop("blocked", 2);
   constexpr int kTasks = 150;  // more waits than a fixed handful of spares could carry
@@ -318,7 +279,7 @@ TEST(BlockedWorkers, ManyTasksEachWaitingOnAnotherTaskOfTheSameLoopAllComplete) 
 }
 
 TEST(BlockedWorkers, PastTheSpareLimitAWaitFailsClearlyInsteadOfStallingTheLoop) {
-  WarningCount warnings;
+  ka::test::LogCapture log("ka.eventloop");
   ka::EventLoop loop("capped", 2);
   loop.setMaxSpareThreads(3);
   constexpr int kTasks = 40;
@@ -346,7 +307,7 @@ TEST(BlockedWorkers, PastTheSpareLimitAWaitFailsClearlyInsteadOfStallingTheLoop)
   EXPECT_LE(loop.threadCount(), 2 + 3);
   // Unrelated work still runs afterwards.
   EXPECT_EQ(loop.async([] { return 5; }).value(kLimitMs), 5);
-  EXPECT_LE(warnings.count(), 2) << "the refusal warning is rate-limited";
+  EXPECT_LE(log.warnings(), 2) << "the refusal warning is rate-limited";
 }
 
 }  // namespace

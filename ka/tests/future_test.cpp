@@ -78,15 +78,6 @@ TEST(FutureValue, ReadingFromATemporaryLeavesTheValueToOtherCopies) {
   EXPECT_EQ(ka::makeFutureError<int>("gone").error(), "gone");
 }
 
-TEST(FutureValue, VoidAndNonDefaultConstructibleFuturesFinishWithAValue) {
-  Promise<void> promise;
-  promise.setValue();
-  EXPECT_NO_THROW(promise.future().value(FutureTimeout_None));
-  EXPECT_TRUE(promise.future().hasValue(FutureTimeout_None));
-  int seven = 7;  // a reference_wrapper has no default constructor
-  EXPECT_EQ(ka::makeReadyFuture(std::ref(seven)).value().get(), 7);
-}
-
 TEST(FutureValue, InvalidFutureAndWhatChainsOnItFinishAtOnce) {
   const Future<int> future;
   EXPECT_FALSE(future.isValid());

@@ -1,20 +1,15 @@
-#include "ka/log.hpp"
+#include "test_util.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <future>
 #include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 using namespace std::chrono_literals;
 using ka::LogLevel;
 using ka::log::Message;
+using ka::test::finishesInTime;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -40,17 +35,6 @@ struct Capture {
     messages.push_back(m);
   }};  // declared last: unregistered before messages dies
 };
-
-// False if `work` has not finished within 10 s on its own thread (then abandoned as deadlocked).
-template <class F>
-bool finishesInTime(F work) {
-  std::packaged_task<void()> task(std::move(work));
-  auto done = task.get_future();
-  std::thread worker(std::move(task));
-  const bool finished = done.wait_for(10s) == std::future_status::ready;
-  finished ? worker.join() : worker.detach();
-  return finished;
-}
 
 // Every test starts from the default levels, with the stderr handler quiet.
 class Log : public testing::Test {

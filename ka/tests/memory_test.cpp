@@ -4,8 +4,7 @@
 // allocations are what made calls slow. Counts the allocations of the whole process through
 // a replaced global operator new.
 
-#include <ka/dynamicobjectbuilder.hpp>
-#include <ka/session.hpp>
+#include "test_util.hpp"
 
 #include <gtest/gtest.h>
 
@@ -70,14 +69,7 @@ void operator delete[](void* p, std::size_t) noexcept {
 
 namespace {
 
-constexpr int kWaitMs = 10000;
-
-ka::AnyObject echoObject() {
-  ka::DynamicObjectBuilder b;
-  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
-  b.advertiseMethod("echo", [](const std::string& s) { return s; });
-  return b.object();
-}
+using ka::test::kWaitMs;
 
 // One client's life: a session on the shared directory that looks at the directory, publishes
 // a service and goes.
@@ -93,7 +85,7 @@ void clientSession(const ka::SessionPtr& host, const ka::AnyObject& service, int
 
 TEST(SessionMemory, ReturnsToItsBaselineAfterManySessionsOpenAndClose) {
   auto host = ka::makeSession();
-  const ka::AnyObject service = echoObject();
+  const ka::AnyObject service = ka::test::echoObject();
   for (int i = 0; i < 500; ++i) {
     clientSession(host, service, i);  // warms up caches that are bounded anyway
   }

@@ -1,71 +1,29 @@
 // Sessions that share a directory over connections: two or three sessions of this process,
 // joined through "local://" endpoints, exercise the same message layer as sockets do.
 
-#include <ka/dynamicobjectbuilder.hpp>
-#include <ka/objecttypebuilder.hpp>
-#include <ka/session.hpp>
+#include "test_util.hpp"
 
+#include <ka/objecttypebuilder.hpp>
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <boost/make_shared.hpp>
 
 #include <pthread.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
-#include <future>
 #include <map>
-#include <mutex>
-#include <string>
-#include <vector>
 
 namespace {
 
-constexpr int kWaitMs = 10000;
+using namespace ka::test;
 
 std::string uniqueUrl() {
   static std::atomic<int> next{0};
   const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
   return std::string("local://") + test->test_suite_name() + "." + test->name() + "." +
          std::to_string(next++);
-}
-
-// A condition to wait on with a time limit, for whatever subscribers see.
-template <typename T>
-struct Recorder {
-  std::mutex m;
-  std::condition_variable cv;
-  std::vector<T> seen;
-
-  void add(T value) {
-    std::lock_guard<std::mutex> lock(m);
-    seen.push_back(std::move(value));
-    cv.notify_all();
-  }
-  // Everything seen once `pred(seen)` holds, or when time runs out.
-  template <typename P>
-  std::vector<T> waitUntil(P pred) {
-    std::unique_lock<std::mutex> lock(m);
-    cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return pred(seen); });
-    return seen;
-  }
-  std::vector<T> waitFor(std::size_t n) {
-    return waitUntil([n](const std::vector<T>& s) { return s.size() >= n; });
-  }
-  std::vector<T> now() {
-    std::lock_guard<std::mutex> lock(m);
-    return seen;
-  }
-};
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 // A served object with overloads, typed values and a signal whose subscribers the test sees.
@@ -154,25 +112,6 @@ TEST(RemoteCall, SeesTheFullDescriptionOfTheRemoteObject) {
   EXPECT_EQ(ticked->signature().toString(), "(i)");
 }
 
-TEST(RemoteCall, ValuesKeepTheirSignatures) {
-  CalculatorPair p;
-  auto echoed = [&](const ka::AnyValue& v) {
-    return p.remote->metaCall("echo", {v.asReference()}).value(kWaitMs);
-  };
-  EXPECT_EQ(echoed(ka::AnyValue(std::int32_t(7))).signature(true).toString(), "i");
-  EXPECT_EQ(echoed(ka::AnyValue(std::int64_t(7))).signature(true).toString(), "l");
-  const std::map<std::string, std::vector<std::int64_t>> nested{{"k", {1, 2, 3}}};
-  const ka::AnyValue back = echoed(ka::AnyValue(nested));
-  EXPECT_EQ(back.signature(true).toString(), "{s[l]}");
-  EXPECT_EQ((back.to<std::map<std::string, std::vector<std::int64_t>>>()), nested);
-  const std::vector<ka::AnyValue> dynamics{ka::AnyValue(1.5), ka::AnyValue(std::string("x"))};
-  EXPECT_EQ(echoed(ka::AnyValue(dynamics)).signature(true).toString(), "[m]");
-
-  // A typed map comes back as the C++ type the caller asks for.
-  EXPECT_EQ((p.remote->call<std::map<std::string, std::vector<int>>>("table")),
-            p.calculator->table());
-}
-
 TEST(RemoteCall, KeepsTheVoidValueAndTheEmptyValueApart) {
   CalculatorPair p;
   const ka::AnyValue voidResult = p.remote->metaCall("touch", {}).value(kWaitMs);
@@ -190,12 +129,8 @@ TEST(RemoteCall, KeepsTheVoidValueAndTheEmptyValueApart) {
 
 TEST(RemoteCallErrors, ComeBackAsErrorsWhileTheServerKeepsServing) {
   CalculatorPair p;
-  try {
-    p.remote->call<int>("fail");
-    ADD_FAILURE() << "a failing method must fail the call";
-  } catch (const ka::FutureError& e) {
-    EXPECT_EQ(std::string(e.what()), "the calculator failed");
-  }
+  EXPECT_THAT([&] { p.remote->call<int>("fail"); },
+              testing::ThrowsMessage<ka::FutureError>(testing::StrEq("the calculator failed")));
   // One candidate of the right arity: the server converts, and says why it cannot.
   const auto wrong = p.remote->metaCall("echo", {});
   EXPECT_TRUE(wrong.hasError(kWaitMs));
@@ -268,23 +203,6 @@ TEST(RemoteSignal, SubscriptionsAreDroppedWithTheConnection) {
   EXPECT_EQ(p.calculator->subscribed.waitFor(1), std::vector<bool>{true});
   p.client->close();
   EXPECT_EQ(p.calculator->subscribed.waitFor(2), (std::vector<bool>{true, false}));
-}
-
-// Records "+<name>" and "-<name>" as a session's "ServiceDirectory" announces them.
-void watchDirectory(const ka::SessionPtr& session, Recorder<std::string>& events) {
-  ka::AnyObject directory = session->service("ServiceDirectory").value(kWaitMs);
-  directory->connect("serviceAdded", [&events](int, const std::string& n) { events.add("+" + n); })
-      .value(kWaitMs);
-  directory
-      ->connect("serviceRemoved", [&events](int, const std::string& n) { events.add("-" + n); })
-      .value(kWaitMs);
-}
-
-ka::AnyObject echoObject(const std::string& prefix) {
-  ka::DynamicObjectBuilder b;
-  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
-  b.advertiseMethod("echo", [prefix](const std::string& s) { return prefix + s; });
-  return b.object();
 }
 
 TEST(RemoteDirectory, ServicesRegisteredByAnyParticipantAreSeenByAll) {
@@ -420,70 +338,10 @@ TEST(RemoteReentrancy, AMethodBlockedOnARemoteReplyDoesNotStallTheTransport) {
   EXPECT_EQ(remotePing->async<int>("ping").value(kWaitMs), 42);
 }
 
-}  // namespace
-
-namespace {
-
-std::string socketUrl(const std::string& kind) {
+std::string socketUrl() {
   static std::atomic<int> next{0};
-  if (kind == "unix") {
-    return "unix:///tmp/ka-remote-test-" + std::to_string(::getpid()) + "-" +
-           std::to_string(next++) + ".sock";
-  }
-  return "tcp://127.0.0.1:0";
-}
-
-class SocketSession : public ::testing::TestWithParam<std::string> {};
-
-TEST_P(SocketSession, CarriesCallsSignalsAndTheLossOfAParticipant) {
-  registerCalculator();
-  auto server = ka::makeSession();
-  server->listen(socketUrl(GetParam())).value(kWaitMs);
-  ASSERT_EQ(server->endpoints().size(), 1u);
-  const std::string url = server->endpoints().front();
-  EXPECT_EQ(url.find(":0"), std::string::npos) << url;  // a chosen port is reported
-  auto calculator = boost::make_shared<Calculator>();
-  server->registerService("Calculator", ka::AnyObject(calculator)).value(kWaitMs);
-  Recorder<std::string> atServer;
-  watchDirectory(server, atServer);
-
-  auto client = ka::makeSession();
-  client->connect(url).value(kWaitMs);
-  ka::AnyObject remote = client->service("Calculator").value(kWaitMs);
-  EXPECT_EQ(remote->call<int>("add", 2, 3), 5);
-  Recorder<int> events;
-  const auto link = remote->connect("ticked", [&](int v) { events.add(v); }).value(kWaitMs);
-  calculator->ticked(7);
-  EXPECT_EQ(events.waitFor(1), std::vector<int>{7});
-  remote->disconnect(link).value(kWaitMs);
-
-  client->registerService("Echo", echoObject("c:")).value(kWaitMs);
-  EXPECT_EQ(server->service("Echo").value(kWaitMs)->call<std::string>("echo", "x"), "c:x");
-  client->close();
-  EXPECT_EQ(atServer.waitFor(2), (std::vector<std::string>{"+Echo", "-Echo"}));
-  server->close();
-}
-
-INSTANTIATE_TEST_SUITE_P(UnixAndTcp, SocketSession, ::testing::Values("unix", "tcp"));
-
-TEST(SocketSessionSecurity, AServerWithATokenRefusesClientsWithoutIt) {
-  auto server = ka::makeSession();
-  ka::EndpointOptions options;
-  options.token = "s3cret";
-  server->listen("tcp://127.0.0.1:0", options).value(kWaitMs);
-  server->registerService("Echo", echoObject("")).value(kWaitMs);
-  const std::string url = server->endpoints().front();
-
-  auto stranger = ka::makeSession();
-  EXPECT_TRUE(stranger->connect(url).hasError(kWaitMs));
-  ka::EndpointOptions wrong;
-  wrong.token = "guess";
-  EXPECT_TRUE(stranger->connect(url, wrong).hasError(kWaitMs));
-  auto friendly = ka::makeSession();
-  friendly->connect(url, options).value(kWaitMs);
-  EXPECT_EQ(friendly->service("Echo").value(kWaitMs)->call<std::string>("echo", "in"), "in");
-  friendly->close();
-  server->close();
+  return "unix:///tmp/ka-remote-test-" + std::to_string(::getpid()) + "-" + std::to_string(next++) +
+         ".sock";
 }
 
 TEST(SocketSessionSecurity, AMessageOverTheFrameLimitFailsItsCallButNotTheConnection) {
@@ -530,7 +388,7 @@ struct SocketCalls {
       return a->future();
     });
     b.advertiseMethod("echo", [](const std::string& s) { return s; });
-    server->listen(socketUrl("unix")).value(kWaitMs);
+    server->listen(socketUrl()).value(kWaitMs);
     server->registerService("Calls", b.object()).value(kWaitMs);
     client->connect(server->endpoints().front()).value(kWaitMs);
     remote = client->service("Calls").value(kWaitMs);
@@ -656,39 +514,20 @@ TEST(RemoteProcessChild, ServesUntilKilled) {
 
 TEST(RemoteProcess, ItsServicesGoAndItsWaitingCallsFailWhenItIsKilled) {
   auto server = ka::makeSession();
-  server->listen(socketUrl("unix")).value(kWaitMs);
+  server->listen(socketUrl()).value(kWaitMs);
   Recorder<std::string> events;
   watchDirectory(server, events);
 
-  std::vector<std::string> environment;
-  for (char** e = environ; *e != nullptr; ++e) {
-    environment.emplace_back(*e);
-  }
-  environment.push_back(std::string(kChildUrlVariable) + "=" + server->endpoints().at(0));
-  std::vector<char*> envp;
-  for (auto& entry : environment) {
-    envp.push_back(entry.data());
-  }
-  envp.push_back(nullptr);
-  std::string self = std::filesystem::read_symlink("/proc/self/exe");
-  std::string filter = "--gtest_filter=RemoteProcessChild.ServesUntilKilled";
-  char* argv[] = {self.data(), filter.data(), nullptr};
-  pid_t child = 0;
-  ASSERT_EQ(::posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data()), 0);
-  struct Reaper {
-    pid_t pid;
-    ~Reaper() {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-    }
-  } reaper{child};
+  ChildProcess child("RemoteProcessChild.ServesUntilKilled", kChildUrlVariable,
+                     server->endpoints().at(0));
+  ASSERT_NE(child.pid(), 0);
 
   ASSERT_EQ(events.waitFor(1), std::vector<std::string>{"+Child"});
   ka::AnyObject remote = server->service("Child").value(kWaitMs);
-  EXPECT_EQ(remote->call<int>("pid"), child);
+  EXPECT_EQ(remote->call<int>("pid"), child.pid());
   const auto waiting = remote->async<int>("wait");
 
-  ::kill(child, SIGKILL);
+  child.killAndWait();
   EXPECT_TRUE(contains(waiting.error(kWaitMs), "Connection lost to"));
   EXPECT_EQ(events.waitFor(2), (std::vector<std::string>{"+Child", "-Child"}));
   EXPECT_EQ(remote->async<int>("pid").error(kWaitMs), "Invalid GenericObject");

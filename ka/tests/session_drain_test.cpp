@@ -1,24 +1,18 @@
 // A serving session that stops gracefully: the calls running when it starts to drain are
 // answered over the socket, while new calls and new connections are refused.
 
-#include <ka/dynamicobjectbuilder.hpp>
-#include <ka/session.hpp>
+#include "test_util.hpp"
 
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <future>
-#include <string>
-#include <thread>
 
 namespace {
 
 using namespace std::chrono_literals;
-constexpr int kWaitMs = 10000;
+using namespace ka::test;
 
 std::string freshSocketPath() {
   static std::atomic<int> next{0};
@@ -42,18 +36,6 @@ struct Gate {
     return builder.object();
   }
 };
-
-// True once `path` no longer exists; fails after the time limit.
-bool waitGone(const std::string& path) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-  while (std::filesystem::exists(path)) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::yield();
-  }
-  return true;
-}
 
 struct Served {
   Served() {
@@ -82,7 +64,8 @@ TEST(SessionDrain, AnswersTheCallInFlightAndRefusesLaterCallsAndConnections) {
             std::future_status::ready);
 
   auto draining = std::async(std::launch::async, [&] { return s.server->drain(10s); });
-  ASSERT_TRUE(waitGone(s.path)) << "the socket file stays while draining";
+  ASSERT_TRUE(becomes([&] { return !std::filesystem::exists(s.path); }))
+      << "the socket file stays while draining";
 
   ka::Future<int> later = s.remote->async<int>("fast");
   ASSERT_EQ(later.wait(kWaitMs), ka::FutureState::FinishedWithError);

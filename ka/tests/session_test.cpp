@@ -1,82 +1,15 @@
-#include <ka/dynamicobjectbuilder.hpp>
-#include <ka/session.hpp>
+#include "test_util.hpp"
 
 #include <gtest/gtest.h>
 
 #include <ka/strand.hpp>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <set>
-#include <thread>
-#include <vector>
 
 namespace {
 
-constexpr int kWaitMs = 10000;
-
-ka::AnyObject echoObject() {
-  ka::DynamicObjectBuilder b;
-  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
-  b.advertiseMethod("echo", [](const std::string& s) { return s; });
-  return b.object();
-}
-
-// Records directory events in arrival order.
-struct DirectoryEvents {
-  std::mutex m;
-  std::condition_variable cv;
-  std::vector<std::string> events;
-
-  void attach(const ka::SessionPtr& session) {
-    ka::AnyObject dir = session->service("ServiceDirectory").value(kWaitMs);
-    dir->connect(
-           "serviceAdded",
-           [this](int id, const std::string& name) { record("+" + std::to_string(id) + name); })
-        .value(kWaitMs);
-    dir->connect(
-           "serviceRemoved",
-           [this](int id, const std::string& name) { record("-" + std::to_string(id) + name); })
-        .value(kWaitMs);
-  }
-  void record(const std::string& e) {
-    std::lock_guard<std::mutex> lock(m);
-    events.push_back(e);
-    cv.notify_all();
-  }
-  std::vector<std::string> waitFor(std::size_t n) {
-    std::unique_lock<std::mutex> lock(m);
-    cv.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return events.size() >= n; });
-    return events;
-  }
-};
-
-TEST(ServiceRegistry, PublishesLooksUpAndUnregistersByName) {
-  auto session = ka::makeSession();
-  const unsigned id = session->registerService("Echo", echoObject()).value(kWaitMs);
-  EXPECT_GT(id, ka::Session::kDirectoryId);
-  ka::AnyObject echo = session->service("Echo").value(kWaitMs);
-  EXPECT_EQ(echo->call<std::string>("echo", std::string("hi")), "hi");
-
-  const auto listed = session->services().value(kWaitMs);
-  ASSERT_EQ(listed.size(), 2u);
-  EXPECT_EQ(listed[0].name, "ServiceDirectory");
-  EXPECT_EQ(listed[1].name, "Echo");
-  EXPECT_EQ(listed[1].serviceId, id);
-
-  session->unregisterService(id).value(kWaitMs);
-  EXPECT_TRUE(session->service("Echo").hasError(kWaitMs));
-}
-
-TEST(ServiceRegistry, FailsLookupsOfUnknownNamesWithAClearMessage) {
-  auto session = ka::makeSession();
-  auto f = session->service("Nobody");
-  ASSERT_TRUE(f.hasError(kWaitMs));
-  EXPECT_EQ(f.error(kWaitMs), "Cannot find service \"Nobody\"");
-  EXPECT_THROW(f.value(kWaitMs), std::runtime_error);
-}
+using namespace ka::test;
 
 TEST(ServiceRegistry, RefusesDuplicateEmptyAndNullRegistrations) {
   auto session = ka::makeSession();
@@ -88,25 +21,11 @@ TEST(ServiceRegistry, RefusesDuplicateEmptyAndNullRegistrations) {
   EXPECT_TRUE(session->unregisterService(999).hasError(kWaitMs));
 }
 
-TEST(ServiceDirectorySignals, ArriveForEachRegistrationAndUnregistration) {
-  // Declared first: closing the session at the end still announces removals to it.
-  DirectoryEvents events;
-  auto session = ka::makeSession();
-  events.attach(session);
-  const unsigned a = session->registerService("A", echoObject()).value(kWaitMs);
-  const unsigned b = session->registerService("B", echoObject()).value(kWaitMs);
-  session->unregisterService(a).value(kWaitMs);
-  const auto got = events.waitFor(3);
-  EXPECT_EQ(got,
-            (std::vector<std::string>{"+" + std::to_string(a) + "A", "+" + std::to_string(b) + "B",
-                                      "-" + std::to_string(a) + "A"}));
-}
-
 TEST(ServiceDirectorySignals, ClosingASessionRemovesOnlyItsOwnServices) {
-  DirectoryEvents events;
+  Recorder<std::string> events;
   auto first = ka::makeSession();
   auto second = ka::makeSession(first);
-  events.attach(first);
+  watchDirectory(first, events, true);
   first->registerService("Kept", echoObject()).value(kWaitMs);
   const unsigned gone = second->registerService("Gone", echoObject()).value(kWaitMs);
   EXPECT_TRUE(first->service("Gone").hasValue(kWaitMs)) << "sessions share their directory";
@@ -119,9 +38,9 @@ TEST(ServiceDirectorySignals, ClosingASessionRemovesOnlyItsOwnServices) {
 }
 
 TEST(ServiceDirectorySignals, StayInOrderWhileThreadsRegisterLookUpCallAndUnregister) {
-  DirectoryEvents events;
+  Recorder<std::string> events;
   auto session = ka::makeSession();
-  events.attach(session);
+  watchDirectory(session, events, true);
   const int threads = 4;
   const int perThread = 100;
   std::atomic<int> wrongAnswers{0};
@@ -309,8 +228,8 @@ TEST(ServiceOwnership, OnlyTheRegisteringSessionMayUnregisterAService) {
 TEST(ServiceOwnership, ARegistrationThroughTheDirectoryObjectGoesWithTheCallersSession) {
   auto keeper = ka::makeSession();
   auto caller = ka::makeSession(keeper);
-  DirectoryEvents events;
-  events.attach(keeper);
+  Recorder<std::string> events;
+  watchDirectory(keeper, events, true);
   ka::AnyObject directory = caller->service("ServiceDirectory").value(kWaitMs);
   const auto id =
       directory->call<unsigned>("registerService", std::string("ViaObject"), echoObject());

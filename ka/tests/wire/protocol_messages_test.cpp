@@ -7,6 +7,7 @@
 
 #include <ka/signaturetype.hpp>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -16,6 +17,8 @@ namespace {
 using namespace ka::wire;
 using ka::wire::docs::isDocumented;
 using ka::wire::docs::kProtocolDocument;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
 
 // `frame` is the bytes `expected`, and the document shows them as a line of its own.
 void expectDocumented(const Frame& frame, const std::string& expected) {
@@ -123,15 +126,13 @@ TEST(MessageBodies, CarryTheDeepestValueTheWriterAccepts) {
   pk.pack_array(1);
   pk.pack_array(2);
   pk.pack(list);
-  try {
-    decodeCall(callWithArguments(
-                   "(m)", std::string(dynamic.data(), dynamic.size()) + nestedArrays(deepest)),
-               nullptr);
-    ADD_FAILURE() << "a value nested deeper than the limit was accepted";
-  } catch (const DecodeError& e) {
-    EXPECT_NE(std::string(e.what()).find("nested deeper than 64 levels"), std::string::npos)
-        << e.what();
-  }
+  EXPECT_THAT(
+      [&] {
+        decodeCall(callWithArguments(
+                       "(m)", std::string(dynamic.data(), dynamic.size()) + nestedArrays(deepest)),
+                   nullptr);
+      },
+      ThrowsMessage<DecodeError>(HasSubstr("nested deeper than 64 levels")));
 }
 
 // Claimed sizes are checked against the bytes present before anything is reserved for them, in
@@ -140,13 +141,8 @@ TEST(MessageBodies, RefuseClaimsTheirBytesCannotHoldBeforeReservingForThem) {
   // An argument list claiming 2^20 values, then a map claiming 2^20 entries, in five bytes.
   for (const std::string& claim :
        {std::string("\xdd\x00\x10\x00\x00", 5), std::string("\xdf\x00\x10\x00\x00", 5)}) {
-    try {
-      decodeCall(callWithArguments("(i)", claim), nullptr);
-      ADD_FAILURE() << "a truncated body was accepted";
-    } catch (const DecodeError& e) {
-      EXPECT_NE(std::string(e.what()).find("more than the input of"), std::string::npos)
-          << e.what();
-    }
+    EXPECT_THAT([&] { decodeCall(callWithArguments("(i)", claim), nullptr); },
+                ThrowsMessage<DecodeError>(HasSubstr("more than the input of")));
   }
   Frame reply;
   reply.type = static_cast<std::uint8_t>(MessageType::Reply);

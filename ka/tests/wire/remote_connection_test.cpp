@@ -1,23 +1,16 @@
 // The message layer on its own: two Connections over an in-process channel pair that the tests
 // slow down or cut, and a hand-driven peer that sends what a broken or hostile client would.
 
-#include <ka/dynamicobjectbuilder.hpp>
-
 #include "wire/connection.hpp"
 #include "wire/local_channel.hpp"
 #include "wire/messages.hpp"
 
+#include "../test_util.hpp"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <future>
 #include <map>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -26,23 +19,8 @@ using namespace ka::wire;
 constexpr int kWaitMs = 10000;
 constexpr auto kWait = std::chrono::milliseconds(kWaitMs);
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-// Whether `condition` holds within the test's time limit. For state that another thread
-// settles without telling anyone; everything that signals is waited on instead.
-template <typename Condition>
-bool becomes(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kWait;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::yield();
-  }
-  return true;
-}
+using ka::test::becomes;
+using ka::test::contains;
 
 ka::AnyObject echoObject() {
   ka::DynamicObjectBuilder b;
@@ -240,15 +218,18 @@ Frame rawFrame(std::uint8_t type, std::uint64_t requestId, const std::string& bo
   return f;
 }
 
+// A call whose arguments are packed as they are, whatever `signature` claims.
+template <typename... Args>
 Frame callFrame(std::uint64_t requestId, std::uint32_t object, std::uint32_t method,
-                const std::string& signature, const std::function<void(Packer&)>& args) {
+                const std::string& signature, const Args&... args) {
   msgpack::sbuffer buffer;
   Packer pk(buffer);
   pk.pack_array(4);
   pk.pack(object);
   pk.pack(method);
   pk.pack(signature);
-  args(pk);
+  pk.pack_array(sizeof...(args));
+  (pk.pack(args), ...);
   return rawFrame(static_cast<std::uint8_t>(MessageType::Call), requestId,
                   std::string(buffer.data(), buffer.size()));
 }
@@ -267,25 +248,13 @@ TEST(HostilePeer, GetsErrorRepliesForWhatItGetsWrongWhileTheServerKeepsServing) 
   EXPECT_EQ(peer.errorOf(1), "Unknown message type 99");
   peer.raw->send(rawFrame(static_cast<std::uint8_t>(MessageType::Call), 2, "\xc1garbage"));
   EXPECT_TRUE(contains(peer.errorOf(2), "call: malformed body"));
-  peer.raw->send(callFrame(3, 77, twice, "(i)", [](Packer& pk) {
-    pk.pack_array(1);
-    pk.pack(1);
-  }));
+  peer.raw->send(callFrame(3, 77, twice, "(i)", 1));
   EXPECT_EQ(peer.errorOf(3), "Invalid GenericObject");
-  peer.raw->send(callFrame(4, kDirectoryObjectId, 1, "(X)", [](Packer& pk) {
-    pk.pack_array(1);
-    pk.pack(1);
-  }));
+  peer.raw->send(callFrame(4, kDirectoryObjectId, 1, "(X)", 1));
   EXPECT_TRUE(contains(peer.errorOf(4), "bad signature"));
-  peer.raw->send(callFrame(5, kDirectoryObjectId, 1, "(ii)", [](Packer& pk) {
-    pk.pack_array(1);
-    pk.pack(1);
-  }));
+  peer.raw->send(callFrame(5, kDirectoryObjectId, 1, "(ii)", 1));
   EXPECT_TRUE(contains(peer.errorOf(5), "array of 2 values"));
-  peer.raw->send(callFrame(6, kDirectoryObjectId, 1, "(i)", [](Packer& pk) {
-    pk.pack_array(1);
-    pk.pack("text");
-  }));
+  peer.raw->send(callFrame(6, kDirectoryObjectId, 1, "(i)", std::string("text")));
   EXPECT_TRUE(contains(peer.errorOf(6), "expected i"));
   peer.raw->send(encodeLookup(7, "Nope"));
   EXPECT_EQ(peer.errorOf(7), "Cannot find service \"Nope\"");
@@ -295,15 +264,9 @@ TEST(HostilePeer, GetsErrorRepliesForWhatItGetsWrongWhileTheServerKeepsServing) 
   ASSERT_EQ(found.type, static_cast<std::uint8_t>(MessageType::Reply));
   msgpack::object_handle body = msgpack::unpack(found.body.data(), found.body.size());
   const ObjectReference ref = unpackObjectReference(body.get().via.array.ptr[1]);
-  peer.raw->send(callFrame(9, ref.id, twice, "(s)", [](Packer& pk) {
-    pk.pack_array(1);
-    pk.pack("x");
-  }));
+  peer.raw->send(callFrame(9, ref.id, twice, "(s)", std::string("x")));
   EXPECT_TRUE(contains(peer.errorOf(9), "Invalid arguments for twice(i)"));
-  peer.raw->send(callFrame(10, ref.id, twice, "(l)", [](Packer& pk) {
-    pk.pack_array(1);
-    pk.pack(21);
-  }));
+  peer.raw->send(callFrame(10, ref.id, twice, "(l)", 21));
   const Frame doubled = peer.answerTo(10);
   ASSERT_EQ(doubled.type, static_cast<std::uint8_t>(MessageType::Reply));
   EXPECT_EQ(decodeReply(doubled, nullptr).toInt64(), 42);
@@ -333,9 +296,8 @@ TEST(HostilePeer, ARequestWithoutARequestIdIsNeitherRunNorAnswered) {
   ASSERT_EQ(found.type, static_cast<std::uint8_t>(MessageType::Reply));
   msgpack::object_handle body = msgpack::unpack(found.body.data(), found.body.size());
   const ObjectReference ref = unpackObjectReference(body.get().via.array.ptr[1]);
-  const auto noArgs = [](Packer& pk) { pk.pack_array(0); };
-  peer.raw->send(callFrame(0, ref.id, bump, "()", noArgs));
-  peer.raw->send(callFrame(2, ref.id, bump, "()", noArgs));
+  peer.raw->send(callFrame(0, ref.id, bump, "()"));
+  peer.raw->send(callFrame(2, ref.id, bump, "()"));
   const Frame answered = peer.answerTo(2);
   ASSERT_EQ(answered.type, static_cast<std::uint8_t>(MessageType::Reply));
   EXPECT_EQ(decodeReply(answered, nullptr).toInt64(), 1);

@@ -3,29 +3,20 @@
 
 #include "socket_test_util.hpp"
 
-#include <ka/log.hpp>
+#include "../test_util.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdlib>
 #include <deque>
 #include <fstream>
-#include <future>
 #include <memory>
 #include <new>
-#include <string>
-#include <thread>
-#include <vector>
-
-extern char** environ;
+#include <optional>
 
 using namespace ka::wire;
 using namespace ka::wire::test;
@@ -59,28 +50,16 @@ void operator delete(void* p, std::size_t) noexcept {
 
 namespace {
 
-// Collects the messages of the transport's log category.
-class LogCapture {
- public:
-  LogCapture()
-      : handler_([this](const ka::log::Message& message) {
-          if (message.category == "ka.transport") {
-            std::lock_guard<std::mutex> lock(mutex_);
-            text_ += message.message + "\n";
-            changed_.notify_all();
-          }
-        }) {}
-  bool waitFor(const std::string& needle) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kWait, [&] { return text_.find(needle) != std::string::npos; });
+// The text of the TransportError that `f` throws, or "" if it throws none.
+template <typename F>
+std::string transportError(F f) {
+  try {
+    f();
+  } catch (const TransportError& e) {
+    return e.what();
   }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::string text_;  // guarded by mutex_
-  ka::log::ScopedHandler handler_;
-};
+  return "";
+}
 
 // ---------------------------------------------------------------------------------------------
 // Behaviour that must not depend on the kind of socket.
@@ -92,9 +71,24 @@ class OverEachSocketKind : public testing::TestWithParam<Kind> {
   std::string listenUrl() const {
     return GetParam() == Kind::Unix ? "unix://" + dir_.file("s.sock") : "tcp://127.0.0.1:0";
   }
+  // A server listening with `options`, a client channel to it and the server's end of it, neither
+  // started.
+  void connectPair(const TransportOptions& options = {}) {
+    served.emplace(listenUrl(), options);
+    toServer = client.connect(served->endpoints.at(0), {});
+    toClient = served->next();
+    ASSERT_TRUE(toClient);
+  }
 
  private:
   TempDir dir_;
+
+ protected:
+  // Destroyed after the transports that call them.
+  Recorder atServer, atClient;
+  std::optional<Server> served;
+  Transport client;
+  ChannelPtr toServer, toClient;
 };
 
 INSTANTIATE_TEST_SUITE_P(Sockets, OverEachSocketKind, testing::Values(Kind::Unix, Kind::Tcp),
@@ -102,47 +96,11 @@ INSTANTIATE_TEST_SUITE_P(Sockets, OverEachSocketKind, testing::Values(Kind::Unix
                            return std::string(info.param == Kind::Unix ? "Unix" : "Tcp");
                          });
 
-TEST_P(OverEachSocketKind, FramesArriveWholeAndInOrderInBothDirections) {
-  Recorder atServer, atClient;
-  Server server(listenUrl());
-  Transport client;
-  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
-  ChannelPtr toClient = server.next();
-  ASSERT_TRUE(toClient);
-  atServer.attach(toClient);
-  atClient.attach(toServer);
-
-  ASSERT_TRUE(toServer->send(makeFrame(1, 10, "first")));
-  ASSERT_TRUE(toServer->send(makeFrame(2, 0, "")));
-  ASSERT_TRUE(toServer->send(makeFrame(0xEF, ~0ull, std::string(1000, 'x'))));
-  ASSERT_TRUE(toClient->send(makeFrame(3, 42, "back")));
-
-  ASSERT_TRUE(atServer.waitFrames(3));
-  const auto frames = atServer.frames();
-  EXPECT_EQ(frames[0].type, 1);
-  EXPECT_EQ(frames[0].requestId, 10u);
-  EXPECT_EQ(std::string(frames[0].body.begin(), frames[0].body.end()), "first");
-  EXPECT_EQ(frames[1].type, 2);
-  EXPECT_TRUE(frames[1].body.empty());
-  EXPECT_EQ(frames[2].type, 0xEF);
-  EXPECT_EQ(frames[2].requestId, ~0ull);
-  EXPECT_EQ(frames[2].body.size(), 1000u);
-  ASSERT_TRUE(atClient.waitFrames(1));
-  EXPECT_EQ(atClient.frames()[0].requestId, 42u);
-  EXPECT_THAT(toServer->peerDescription(),
-              StartsWith(GetParam() == Kind::Unix ? "unix://" : "tcp://"));
-}
-
 TEST_P(OverEachSocketKind, ManyFramesQueuedAtOnceAndEchoedFromTheHandlerKeepTheirOrder) {
   // Enough to fill the socket buffers, so that most frames wait in the queue and go out in
   // batched writes, on both sides (the echo sends from the I/O thread).
   constexpr std::uint64_t kFrames = 20000;
-  Recorder atClient;
-  Server server(listenUrl());
-  Transport client;
-  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
-  ChannelPtr toClient = server.next();
-  ASSERT_TRUE(toClient);
+  ASSERT_NO_FATAL_FAILURE(connectPair());
   std::weak_ptr<Channel> weak = toClient;
   toClient->start(
       [weak](Frame frame) {
@@ -170,12 +128,7 @@ TEST_P(OverEachSocketKind, ConcurrentSendersKeepEachOnesOrderUntilACloseStopsThe
   // Senders race each other, the I/O thread's flushes and, at the end, a close: each sender's
   // frames must arrive in its order without gaps, and the close handler must run once.
   constexpr int kSenders = 4;
-  Recorder atServer, atClient;
-  Server server(listenUrl());
-  Transport client;
-  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
-  ChannelPtr toClient = server.next();
-  ASSERT_TRUE(toClient);
+  ASSERT_NO_FATAL_FAILURE(connectPair());
   atServer.attach(toClient);
   atClient.attach(toServer);
 
@@ -206,26 +159,27 @@ TEST_P(OverEachSocketKind, ConcurrentSendersKeepEachOnesOrderUntilACloseStopsThe
 }
 
 TEST_P(OverEachSocketKind, AFrameLargerThanTheInputBufferArrivesWholeBetweenSmallOnes) {
-  Recorder atServer;
-  Server server(listenUrl());
-  Transport client;
-  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
-  ChannelPtr toClient = server.next();
-  ASSERT_TRUE(toClient);
+  ASSERT_NO_FATAL_FAILURE(connectPair());
   atServer.attach(toClient);
 
   std::string large(3 * 1024 * 1024 + 7, '\0');
   for (std::size_t i = 0; i < large.size(); ++i) {
     large[i] = static_cast<char>(i * 31 + i / 4096);
   }
-  ASSERT_TRUE(toServer->send(makeFrame(1, 1, "before")));
-  ASSERT_TRUE(toServer->send(makeFrame(2, 2, large)));
-  ASSERT_TRUE(toServer->send(makeFrame(3, 3, "after")));
+  ASSERT_TRUE(toServer->send(makeFrame(1, 10, "before")));
+  ASSERT_TRUE(toServer->send(makeFrame(0xEF, ~0ull, large)));
+  ASSERT_TRUE(toServer->send(makeFrame(3, 0, "")));
   ASSERT_TRUE(atServer.waitFrames(3));
   const auto frames = atServer.frames();
   EXPECT_EQ(std::string(frames[0].body.begin(), frames[0].body.end()), "before");
+  EXPECT_EQ(frames[0].requestId, 10u);
+  EXPECT_EQ(frames[1].type, 0xEF);
+  EXPECT_EQ(frames[1].requestId, ~0ull);
   EXPECT_TRUE(std::string(frames[1].body.begin(), frames[1].body.end()) == large);
-  EXPECT_EQ(std::string(frames[2].body.begin(), frames[2].body.end()), "after");
+  EXPECT_EQ(frames[2].type, 3);
+  EXPECT_TRUE(frames[2].body.empty());
+  EXPECT_THAT(toServer->peerDescription(),
+              StartsWith(GetParam() == Kind::Unix ? "unix://" : "tcp://"));
 }
 
 TEST_P(OverEachSocketKind, ClosingRunsEachSidesCloseHandlerOnceWithAReasonAndStopsSending) {
@@ -258,12 +212,7 @@ TEST_P(OverEachSocketKind, ClosingRunsEachSidesCloseHandlerOnceWithAReasonAndSto
 TEST_P(OverEachSocketKind, CloseFirstSendsTheFramesQueuedBeforeIt) {
   // More than the socket buffers hold, so that most are still queued when close() is called.
   constexpr std::size_t kFrames = 200;
-  Recorder atServer;
-  Server server(listenUrl());
-  Transport client;
-  ChannelPtr toServer = client.connect(server.endpoints.at(0), {});
-  ChannelPtr toClient = server.next();
-  ASSERT_TRUE(toClient);
+  ASSERT_NO_FATAL_FAILURE(connectPair());
   atServer.attach(toClient);
   const std::string chunk(64 * 1024, 'q');
   for (std::size_t i = 0; i < kFrames; ++i) {
@@ -275,7 +224,6 @@ TEST_P(OverEachSocketKind, CloseFirstSendsTheFramesQueuedBeforeIt) {
 }
 
 TEST_P(OverEachSocketKind, APeerVanishingInTheMiddleOfAFrameClosesTheChannelSayingSo) {
-  Recorder atServer;
   Server server(listenUrl());
   RawClient raw(server.endpoints.at(0));
   ASSERT_TRUE(raw.handshake());
@@ -291,7 +239,7 @@ TEST_P(OverEachSocketKind, APeerVanishingInTheMiddleOfAFrameClosesTheChannelSayi
 }
 
 TEST_P(OverEachSocketKind, AnOversizedLengthClosesThatConnectionUnallocatedAndOthersAreServed) {
-  Recorder atServer, atSecond;
+  Recorder atSecond;
   Server server(listenUrl());
   RawClient raw(server.endpoints.at(0));
   ASSERT_TRUE(raw.handshake());
@@ -316,8 +264,8 @@ TEST_P(OverEachSocketKind, AnOversizedLengthClosesThatConnectionUnallocatedAndOt
 }
 
 TEST_P(OverEachSocketKind, GarbageInsteadOfAHeaderClosesTheConnectionBeforeOrAfterTheHandshake) {
-  LogCapture log;
-  Recorder atServer, atReserved;
+  ka::test::LogCapture log("ka.transport");
+  Recorder atReserved;
   Server server(listenUrl());
   {
     RawClient http(server.endpoints.at(0));
@@ -348,46 +296,32 @@ TEST_P(OverEachSocketKind, GarbageInsteadOfAHeaderClosesTheConnectionBeforeOrAft
 TEST_P(OverEachSocketKind, AClientThatNeverReadsIsClosedAtTheOutputLimit) {
   TransportOptions options;
   options.maxQueuedOutput = 1 << 20;
-  Recorder atServer;
-  Server server(listenUrl(), options);
-  Transport client;
-  ChannelPtr idle = client.connect(server.endpoints.at(0), {});  // never started: never reads
-  ChannelPtr toIdle = server.next();
-  ASSERT_TRUE(toIdle);
-  atServer.attach(toIdle);
+  ASSERT_NO_FATAL_FAILURE(connectPair(options));  // toServer is never started: never reads
+  atServer.attach(toClient);
   const std::string chunk(64 * 1024, 'z');
   int sent = 0;
   // The kernel buffers take a few MiB at most; far fewer than this many chunks must hit the limit.
-  while (sent < 2000 && toIdle->send(makeFrame(1, 1, chunk))) {
+  while (sent < 2000 && toClient->send(makeFrame(1, 1, chunk))) {
     ++sent;
   }
   EXPECT_LT(sent, 2000);
   EXPECT_THAT(atServer.waitClose().value_or(""), HasSubstr("output limit exceeded"));
-  EXPECT_FALSE(toIdle->isOpen());
+  EXPECT_FALSE(toClient->isOpen());
 }
 
 TEST_P(OverEachSocketKind, ATokenIsRequiredComparedAndReportedToTheRefusedClient) {
   TransportOptions withToken;
   withToken.token = "s3cret";
-  Recorder atServer;
   Server server(listenUrl(), withToken);
   Transport client;
 
   TransportOptions none, wrong, right;
   wrong.token = "s3creT";
   right.token = "s3cret";
-  try {
-    client.connect(server.endpoints.at(0), none);
-    ADD_FAILURE() << "connected without a token";
-  } catch (const TransportError& e) {
-    EXPECT_THAT(e.what(), HasSubstr("refused by the server: this server requires a token"));
-  }
-  try {
-    client.connect(server.endpoints.at(0), wrong);
-    ADD_FAILURE() << "connected with a wrong token";
-  } catch (const TransportError& e) {
-    EXPECT_THAT(e.what(), HasSubstr("refused by the server: wrong token"));
-  }
+  EXPECT_THAT(transportError([&] { client.connect(server.endpoints.at(0), none); }),
+              HasSubstr("refused by the server: this server requires a token"));
+  EXPECT_THAT(transportError([&] { client.connect(server.endpoints.at(0), wrong); }),
+              HasSubstr("refused by the server: wrong token"));
   ChannelPtr channel = client.connect(server.endpoints.at(0), right);
   ChannelPtr accepted = server.next();
   ASSERT_TRUE(accepted);
@@ -399,7 +333,7 @@ TEST_P(OverEachSocketKind, ATokenIsRequiredComparedAndReportedToTheRefusedClient
 TEST_P(OverEachSocketKind, AConnectionThatNeverSaysHelloIsDroppedAfterTheHandshakeTime) {
   TransportOptions options;
   options.handshakeTimeout = std::chrono::milliseconds(200);
-  LogCapture log;
+  ka::test::LogCapture log("ka.transport");
   Server server(listenUrl(), options);
   RawClient silent(server.endpoints.at(0));
   ASSERT_TRUE(silent.connected());
@@ -413,12 +347,8 @@ TEST_P(OverEachSocketKind, AConnectionThatNeverSaysHelloIsDroppedAfterTheHandsha
 TEST(TransportConnect, FailsClearlyWhenNothingListensOrNothingAnswers) {
   TempDir dir;
   Transport client;
-  try {
-    client.connect("unix://" + dir.file("none.sock"), {});
-    ADD_FAILURE() << "connected to nothing";
-  } catch (const TransportError& e) {
-    EXPECT_THAT(e.what(), HasSubstr("cannot connect to unix://" + dir.file("none.sock")));
-  }
+  EXPECT_THAT(transportError([&] { client.connect("unix://" + dir.file("none.sock"), {}); }),
+              HasSubstr("cannot connect to unix://" + dir.file("none.sock")));
   EXPECT_THROW(client.connect("tcp:/127.0.0.1:1", {}), std::invalid_argument);
 
   // A socket that accepts (in the kernel's backlog) but never answers the hello.
@@ -431,13 +361,9 @@ TEST(TransportConnect, FailsClearlyWhenNothingListensOrNothingAnswers) {
   ASSERT_EQ(::listen(fd, 4), 0);
   TransportOptions quick;
   quick.handshakeTimeout = std::chrono::milliseconds(200);
-  try {
-    client.connect("unix://" + mute, quick);
-    ADD_FAILURE() << "connected to a mute socket";
-  } catch (const TransportError& e) {
-    EXPECT_THAT(e.what(), AnyOf(HasSubstr("no answer within 200 ms"),
-                                HasSubstr("handshake not completed within 200 ms")));
-  }
+  EXPECT_THAT(transportError([&] { client.connect("unix://" + mute, quick); }),
+              AnyOf(HasSubstr("no answer within 200 ms"),
+                    HasSubstr("handshake not completed within 200 ms")));
   ::close(fd);
 }
 
@@ -488,19 +414,11 @@ TEST(TcpListening, BeyondLoopbackNeedsAnExplicitPermissionAndAToken) {
   Transport transport;
   auto ignore = [](ChannelPtr) {};
   TransportOptions options;
-  try {
-    transport.listen("tcp://0.0.0.0:0", options, ignore);
-    ADD_FAILURE() << "listened on every address by default";
-  } catch (const TransportError& e) {
-    EXPECT_THAT(e.what(), HasSubstr("not a loopback address"));
-  }
+  EXPECT_THAT(transportError([&] { transport.listen("tcp://0.0.0.0:0", options, ignore); }),
+              HasSubstr("not a loopback address"));
   options.allowNonLoopback = true;
-  try {
-    transport.listen("tcp://0.0.0.0:0", options, ignore);
-    ADD_FAILURE() << "listened on every address without a token";
-  } catch (const TransportError& e) {
-    EXPECT_THAT(e.what(), HasSubstr("requires a token"));
-  }
+  EXPECT_THAT(transportError([&] { transport.listen("tcp://0.0.0.0:0", options, ignore); }),
+              HasSubstr("requires a token"));
   options.token = "s3cret";
   const auto endpoints = transport.listen("tcp://0.0.0.0:0", options, ignore);
   ASSERT_EQ(endpoints.size(), 1u);
@@ -543,12 +461,8 @@ TEST(UnixListening, ReplacesAStaleSocketFileButRefusesALiveOneOrAnyOtherFile) {
     EXPECT_TRUE(client.connect(server.endpoints.at(0), {}));
 
     Transport rival;
-    try {
-      rival.listen("unix://" + path, {}, [](ChannelPtr) {});
-      ADD_FAILURE() << "took over a live socket";
-    } catch (const TransportError& e) {
-      EXPECT_THAT(e.what(), HasSubstr("already served"));
-    }
+    EXPECT_THAT(transportError([&] { rival.listen("unix://" + path, {}, [](ChannelPtr) {}); }),
+                HasSubstr("already served"));
     EXPECT_TRUE(client.connect(server.endpoints.at(0), {})) << "the live listener was disturbed";
   }
   EXPECT_FALSE(std::filesystem::exists(path)) << "the listener left its socket file behind";
@@ -556,12 +470,8 @@ TEST(UnixListening, ReplacesAStaleSocketFileButRefusesALiveOneOrAnyOtherFile) {
   const std::string plain = dir.file("notes.txt");
   { std::ofstream(plain) << "keep me"; }
   Transport transport;
-  try {
-    transport.listen("unix://" + plain, {}, [](ChannelPtr) {});
-    ADD_FAILURE() << "listened over a regular file";
-  } catch (const TransportError& e) {
-    EXPECT_THAT(e.what(), HasSubstr("not a socket"));
-  }
+  EXPECT_THAT(transportError([&] { transport.listen("unix://" + plain, {}, [](ChannelPtr) {}); }),
+              HasSubstr("not a socket"));
   EXPECT_TRUE(std::filesystem::is_regular_file(plain));
 }
 
@@ -649,38 +559,18 @@ TEST(SecondProcess, ExchangesFramesAndItsKillClosesTheChannel) {
   Recorder atServer;
   Server server("unix://" + dir.file("s.sock"));
 
-  std::vector<std::string> environment;
-  for (char** e = environ; *e != nullptr; ++e) {
-    environment.emplace_back(*e);
-  }
-  environment.push_back(std::string(kChildUrlVariable) + "=" + server.endpoints.at(0));
-  std::vector<char*> envp;
-  for (auto& entry : environment) {
-    envp.push_back(entry.data());
-  }
-  envp.push_back(nullptr);
-  std::string self = std::filesystem::read_symlink("/proc/self/exe");
-  std::string filter = "--gtest_filter=ChildPeer.EchoesFramesUntilKilled";
-  char* argv[] = {self.data(), filter.data(), nullptr};
-  pid_t child = 0;
-  ASSERT_EQ(::posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, envp.data()), 0);
-
+  ka::test::ChildProcess child("ChildPeer.EchoesFramesUntilKilled", kChildUrlVariable,
+                               server.endpoints.at(0));
+  ASSERT_NE(child.pid(), 0);
   ChannelPtr toChild = server.next();
-  if (!toChild) {
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    FAIL() << "the child never connected";
-  }
-  EXPECT_THAT(toChild->peerDescription(), HasSubstr("(pid " + std::to_string(child) + ")"));
+  ASSERT_TRUE(toChild) << "the child never connected";
+  EXPECT_THAT(toChild->peerDescription(), HasSubstr("(pid " + std::to_string(child.pid()) + ")"));
   atServer.attach(toChild);
   for (std::uint64_t i = 1; i <= 3; ++i) {
     toChild->send(makeFrame(7, i, "ping " + std::to_string(i)));
   }
   EXPECT_TRUE(atServer.waitFrames(3));
-  ::kill(child, SIGKILL);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFSIGNALED(status));
+  EXPECT_TRUE(WIFSIGNALED(child.killAndWait()));
   const auto reason = atServer.waitClose();
   ASSERT_TRUE(reason);
   EXPECT_THAT(*reason, AnyOf(HasSubstr("closed by peer"), HasSubstr("connection lost")));

@@ -57,13 +57,10 @@ TEST(SocketUrls, RefuseEverythingElseSayingWhichFormsAreAccepted) {
       "tcp://user@host:80",
   };
   for (const std::string& text : bad) {
-    try {
-      parseUrl(text);
-      ADD_FAILURE() << "accepted '" << text << "'";
-    } catch (const std::invalid_argument& e) {
-      EXPECT_THAT(e.what(), HasSubstr("'" + text + "'"));
-      EXPECT_THAT(e.what(), HasSubstr("unix:///absolute/path or tcp://host:port"));
-    }
+    EXPECT_THAT(
+        [&] { parseUrl(text); },
+        testing::ThrowsMessage<std::invalid_argument>(testing::AllOf(
+            HasSubstr("'" + text + "'"), HasSubstr("unix:///absolute/path or tcp://host:port"))));
   }
 }
 
@@ -128,24 +125,17 @@ TEST(HandshakeBodies, RoundTripAndRefuseWhatTheirGrammarDoesNotAllow) {
 
 // The worked examples of docs/protocol.md, byte for byte.
 TEST(HandshakeBodies, AreTheBytesTheProtocolDocumentShows) {
-  auto hex = [](const std::vector<char>& bytes) {
-    std::string out;
-    char byte[4];
-    for (char c : bytes) {
-      std::snprintf(byte, sizeof byte, "%02x ",
-                    static_cast<unsigned>(static_cast<unsigned char>(c)));
-      out += byte;
-    }
-    return out;
+  const auto hex = [](const std::vector<char>& b) {
+    return ka::wire::docs::hexBytes(b.data(), b.size());
   };
-  EXPECT_EQ(hex(encodeHello("")), "91 a0 ");
-  EXPECT_EQ(hex(encodeWelcome()), "91 01 ");
+  EXPECT_EQ(hex(encodeHello("")), "91 a0");
+  EXPECT_EQ(hex(encodeWelcome()), "91 01");
   EXPECT_EQ(hex(encodeRefused("this server requires a token")),
             "91 bc 74 68 69 73 20 73 65 72 76 65 72 20 72 65 "
-            "71 75 69 72 65 73 20 61 20 74 6f 6b 65 6e ");
+            "71 75 69 72 65 73 20 61 20 74 6f 6b 65 6e");
   std::vector<char> header(kFrameHeaderSize);
   encodeFrameHeader(kRefusedType, 0, 30, header.data());
-  EXPECT_EQ(hex(header), "6b 01 f2 00 1e 00 00 00 00 00 00 00 00 00 00 00 ");
+  EXPECT_EQ(hex(header), "6b 01 f2 00 1e 00 00 00 00 00 00 00 00 00 00 00");
 
   // The document shows each frame as a line of its own.
   using ka::wire::docs::onTheWire;
@@ -160,13 +150,12 @@ TEST(HandshakeBodies, AreTheBytesTheProtocolDocumentShows) {
 TEST(TokenComparison, NeedsEveryByteAndTheLengthToMatch) {
   EXPECT_TRUE(constantTimeEquals("", ""));
   EXPECT_TRUE(constantTimeEquals("s3cret", "s3cret"));
-  EXPECT_FALSE(constantTimeEquals("s3creT", "s3cret"));
-  EXPECT_FALSE(constantTimeEquals("S3cret", "s3cret"));
-  EXPECT_FALSE(constantTimeEquals("s3cre", "s3cret"));
-  EXPECT_FALSE(constantTimeEquals("s3crets", "s3cret"));
-  EXPECT_FALSE(constantTimeEquals("", "s3cret"));
+  for (const std::string& other :
+       {std::string("s3creT"), std::string("S3cret"), std::string("s3cre"), std::string("s3crets"),
+        std::string(), std::string("s3cret\0", 7)}) {
+    EXPECT_FALSE(constantTimeEquals(other, "s3cret")) << other;
+  }
   EXPECT_FALSE(constantTimeEquals("s3cret", ""));
-  EXPECT_FALSE(constantTimeEquals(std::string("s3cret\0", 7), "s3cret"));
 }
 
 }  // namespace
