@@ -7,7 +7,7 @@
 #include <ka/dynamicobjectbuilder.hpp>
 #include <ka/session.hpp>
 #include <qvknowledge/knowledge_service.hpp>
-#include <qvknowledge/triplet_store.hpp>
+#include <qvknowledge/sqlite_triplet_store.hpp>
 
 #include <benchmark/benchmark.h>
 
@@ -124,7 +124,7 @@ void BM_ObjectCallById(benchmark::State& state) {
 // A small in-memory store, read directly and through a session: the ratio of the two is
 // what the middleware adds to a real read.
 struct Knowledge {
-  std::shared_ptr<QV::TripletStore> store = std::make_shared<QV::TripletStore>(":memory:");
+  std::shared_ptr<QV::TripletStore> store = std::make_shared<QV::SqliteTripletStore>(":memory:");
   ka::SessionPtr session = ka::makeSession();
   ka::AnyObject service;
   Knowledge() {

@@ -9,13 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "qvknowledge/triplet_store.hpp"
+#include "qvknowledge/sqlite_triplet_store.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
 using QV::OpenCheck;
 using QV::Triplet;
+using QV::SqliteTripletStore;
 using QV::TripletStore;
 using QV::TripletStoreOptions;
 
@@ -35,7 +36,7 @@ void build(const std::string& path) {
   const char* domains[] = {"profile", "auth", "prefs"};
   TripletStoreOptions options;
   options.durability = QV::Durability::Normal;
-  TripletStore store(path, options);
+  SqliteTripletStore store(path, options);
   std::vector<Triplet> batch;
   for (int i = 0; i < kTriplets; ++i) {
     const int user = i / kPerSubject;
@@ -68,7 +69,7 @@ void BM_OpenStore(benchmark::State& state) {
   options.openCheck = state.range(0) == 0 ? OpenCheck::Quick : OpenCheck::Full;
   options.readConnections = 1;
   for (auto _ : state) {
-    TripletStore store(path, options);
+    SqliteTripletStore store(path, options);
     benchmark::DoNotOptimize(&store);
   }
   state.SetLabel(options.openCheck == OpenCheck::Quick ? "quick_check" : "integrity_check");
@@ -79,11 +80,11 @@ BENCHMARK(BM_OpenStore)->Arg(0)->Arg(1)->Iterations(3)->Unit(benchmark::kMillise
 // The same without reading the file: a store that is empty, for the fixed cost of an open.
 void BM_OpenEmptyStore(benchmark::State& state) {
   const std::string path = storePath() + "-empty.db";
-  TripletStore(path).add("d", "s", "p", "o");
+  SqliteTripletStore(path).add("d", "s", "p", "o");
   TripletStoreOptions options;
   options.readConnections = 1;
   for (auto _ : state) {
-    TripletStore store(path, options);
+    SqliteTripletStore store(path, options);
     benchmark::DoNotOptimize(&store);
   }
   fs::remove(path);

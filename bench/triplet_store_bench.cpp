@@ -23,13 +23,14 @@
 #include <vector>
 
 #include "qvknowledge/knowledge_service.hpp"
-#include "qvknowledge/triplet_store.hpp"
+#include "qvknowledge/sqlite_triplet_store.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
 using QV::Durability;
 using QV::Triplet;
+using QV::SqliteTripletStore;
 using QV::TripletStore;
 
 constexpr const char* kDomains[] = {"profile", "auth", "prefs"};
@@ -105,7 +106,7 @@ class Stores {
       }
       QV::TripletStoreOptions options;
       options.durability = durability;
-      store = std::make_shared<TripletStore>(path, options);
+      store = std::make_shared<SqliteTripletStore>(path, options);
     }
     return store;
   }
@@ -140,7 +141,7 @@ class Stores {
 
   static void load(const std::string& path, std::int64_t rows, Triplet (*rowAt)(std::int64_t)) {
     constexpr std::int64_t kBatch = 100000;
-    TripletStore store(path);
+    SqliteTripletStore store(path);
     std::vector<Triplet> batch;
     for (std::int64_t row = 0; row < rows;) {
       batch.clear();

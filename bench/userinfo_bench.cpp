@@ -22,7 +22,7 @@
 
 #include "bench_store.hpp"
 #include "qvknowledge/knowledge_service.hpp"
-#include "qvknowledge/triplet_store.hpp"
+#include "qvknowledge/sqlite_triplet_store.hpp"
 #include "qvuserinfoprivate.hpp"
 
 namespace {
@@ -51,7 +51,7 @@ class World {
     return world;
   }
 
-  std::shared_ptr<QV::TripletStore> tripletStore;
+  std::shared_ptr<QV::SqliteTripletStore> tripletStore;
   ka::SessionPtr session;
   std::unique_ptr<QV::QVUserInfoPrivate> dataStore;
   std::unique_ptr<SQLite::Database> reader;
@@ -70,7 +70,7 @@ class World {
     const std::string path = dir_ + "/knowledge.db";
     QV::TripletStoreOptions options;
     options.durability = QV::Durability::Normal;
-    tripletStore = std::make_shared<QV::TripletStore>(path, options);
+    tripletStore = std::make_shared<QV::SqliteTripletStore>(path, options);
     std::vector<QV::Triplet> triplets;
     triplets.reserve(kUsers * std::size(kNames));
     for (int user = 0; user < kUsers; ++user) {

@@ -5,7 +5,7 @@
 //
 // Usage: userinfo_bulk_load DATABASE USERS
 
-#include <qvknowledge/triplet_store.hpp>
+#include <qvknowledge/sqlite_triplet_store.hpp>
 #include <qvusersession/usersession_service.hpp>
 
 #include <chrono>
@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
   try {
     QV::TripletStoreOptions options;
     options.durability = QV::Durability::Normal;
-    QV::TripletStore store(path, options);
+    QV::SqliteTripletStore store(path, options);
     std::vector<QV::Triplet> batch;
     for (const char* name : bench::kNames) {
       batch.push_back({bench::kDomain, name, bench::kRangeType, bench::typeOf(name)});

@@ -13,7 +13,7 @@
 // (databases as userinfo_bulk_load builds them; S: the time given to each side of a case).
 
 #include <qvknowledge/knowledge_service.hpp>
-#include <qvknowledge/triplet_store.hpp>
+#include <qvknowledge/sqlite_triplet_store.hpp>
 #include <qvuserinfo/qvuserinfo.hpp>
 #include <qvusersession/usersession_service.hpp>
 
@@ -52,7 +52,7 @@ class World {
   World(const std::string& path, QV::Durability durability) {
     QV::TripletStoreOptions storeOptions;
     storeOptions.durability = durability;
-    store_ = std::make_shared<QV::TripletStore>(path, storeOptions);
+    store_ = std::make_shared<QV::SqliteTripletStore>(path, storeOptions);
     QV::UserSessionOptions sessionOptions;
     sessionOptions.durability = durability;
     userSession_ =
@@ -151,7 +151,7 @@ class World {
     return found;
   }
 
-  std::shared_ptr<QV::TripletStore> store_;
+  std::shared_ptr<QV::SqliteTripletStore> store_;
   boost::shared_ptr<QV::UserSessionService> userSession_;
   ka::SessionPtr session_;
   std::unique_ptr<SQLite::Database> reader_;

@@ -11,6 +11,8 @@ packages=(
   libmsgpack-cxx-dev
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  # The PostgreSQL store: the client library, and the server the tests and benchmarks start
+  libpq-dev postgresql
   clang-format
   # scripts/fuzz.sh: clang and its libFuzzer runtime
   clang libclang-rt-14-dev

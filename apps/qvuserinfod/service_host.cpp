@@ -44,7 +44,7 @@ ServiceHost::ServiceHost(const Settings& settings) : _settings(settings) {
     QV::TripletStoreOptions storeOptions;
     storeOptions.durability = settings.durability;
     try {
-      _store = std::make_shared<QV::TripletStore>(settings.database, storeOptions);
+      _store = std::make_shared<QV::SqliteTripletStore>(settings.database, storeOptions);
     } catch (const std::exception& e) {
       throw StartError("database", e.what());
     }

@@ -50,7 +50,7 @@ std::shared_ptr<void> RecordingKnowledge::State::record(const std::string& metho
 
 RecordingKnowledge::RecordingKnowledge() : state_(std::make_shared<State>()) {
   state_->service =
-      std::make_unique<QV::KnowledgeService>(std::make_shared<QV::TripletStore>(":memory:"));
+      std::make_unique<QV::KnowledgeService>(std::make_shared<QV::SqliteTripletStore>(":memory:"));
   using S = const std::string&;
   const auto st = state_;
   ka::DynamicObjectBuilder builder;

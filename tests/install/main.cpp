@@ -1,6 +1,6 @@
 // Stores a triplet in a new store file through the installed library, closes the store,
 // reopens the file and reads the triplet back. Exits 0 only if it reads what it wrote.
-#include <qvknowledge/triplet_store.hpp>
+#include <qvknowledge/sqlite_triplet_store.hpp>
 
 #include <exception>
 #include <iostream>
@@ -15,10 +15,10 @@ int main(int argc, char** argv) {
   const std::string path = argv[1];
   try {
     {
-      QV::TripletStore store(path);
+      QV::SqliteTripletStore store(path);
       store.add("com.quorvelin.install", "1", "name", "Ada");
     }
-    QV::TripletStore reopened(path);
+    QV::SqliteTripletStore reopened(path);
     const auto objects = reopened.getObject("com.quorvelin.install", "1", "name");
     if (objects != std::vector<std::string>{"Ada"}) {
       std::cerr << "the reopened store does not hold the stored triplet\n";

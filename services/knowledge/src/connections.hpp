@@ -8,7 +8,7 @@
 #include <SQLiteCpp/Database.h>
 
 #include "prepared_statements.hpp"
-#include "qvknowledge/triplet_store.hpp"
+#include "qvknowledge/sqlite_triplet_store.hpp"
 #include "sqlite_setup.hpp"
 
 namespace QV::detail {

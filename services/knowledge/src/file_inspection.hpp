@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "qvknowledge/triplet_store.hpp"
+#include "qvknowledge/sqlite_triplet_store.hpp"
 
 namespace QV::detail {
 

@@ -13,14 +13,14 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "qvknowledge/triplet_store.hpp"
+#include "qvknowledge/sqlite_triplet_store.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 
 bool storeWorks() {
-  QV::TripletStore store(":memory:");
+  QV::SqliteTripletStore store(":memory:");
   store.add("users", "alice", "email", "a@x");
   return store.getObject("users", "alice", "email") == std::vector<std::string>{"a@x"};
 }

@@ -2,7 +2,7 @@
 // exactly as they were, many processes may create one store at once, and waits for another
 // process's lock are bounded and let an event loop keep running.
 
-#include "qvknowledge/triplet_store.hpp"
+#include "qvknowledge/sqlite_triplet_store.hpp"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -40,6 +40,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using QV::KnowledgeStoreError;
 using QV::OpenCheck;
+using QV::SqliteTripletStore;
 using QV::TripletStore;
 using QV::TripletStoreOptions;
 using ::testing::HasSubstr;
@@ -79,7 +80,7 @@ void copyDatabase(const std::string& from, const std::string& to) {
 
 std::string openError(const std::string& path, TripletStoreOptions options = {}) {
   try {
-    TripletStore store(path, options);
+    SqliteTripletStore store(path, options);
   } catch (const KnowledgeStoreError& error) {
     return error.what();
   }
@@ -121,7 +122,7 @@ void createStore(const std::string& at, int rows = 3000) {
     const std::string n = std::to_string(i);
     triplets.push_back({"users", "user-" + n, "email", "user-" + n + "@example.org"});
   }
-  TripletStore(at).addMany(triplets);
+  SqliteTripletStore(at).addMany(triplets);
 }
 
 // Flips a bit of the high byte of a b-tree's root page cell count: the page claims 256 more
@@ -140,7 +141,7 @@ void leaveBehind(const std::string& at, bool asStore,
                  const std::function<void(SQLite::Database&)>& write) {
   const std::string source = at + ".source";
   if (asStore) {
-    TripletStore(source).add("users", "alice", "email", "a@x");
+    SqliteTripletStore(source).add("users", "alice", "email", "a@x");
   }
   SQLite::Database writer(source, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
   write(writer);
@@ -289,7 +290,7 @@ bool setImmutable(const std::string& path, bool immutable) {
 }
 
 TEST_F(RefusedFile, AFileThatCannotBeWrittenIsRefused) {
-  TripletStore(path).add("users", "alice", "email", "a@x");
+  SqliteTripletStore(path).add("users", "alice", "email", "a@x");
   if (!setImmutable(path, true)) {
     GTEST_SKIP() << "cannot make a file immutable here (needs CAP_LINUX_IMMUTABLE and ext4-like "
                     "attributes), and root writes any file whatever its mode";
@@ -311,7 +312,7 @@ TEST_F(RefusedFile, APathInAMissingDirectoryOrAnEmptyPathIsRefusedCreatingNothin
 TEST_F(RefusedFile, OurStoreWithAnInterruptedRollbackTransactionIsRolledBackAndOpens) {
   const std::string source = file("source.db");
   createStore(source, 10);
-  const Rows stored = TripletStore(source).queryTriplet("*", "*", "*", "*");
+  const Rows stored = SqliteTripletStore(source).queryTriplet("*", "*", "*", "*");
   {
     SQLite::Database writer(source, SQLite::OPEN_READWRITE);
     writer.exec("PRAGMA journal_mode = DELETE");
@@ -325,7 +326,7 @@ TEST_F(RefusedFile, OurStoreWithAnInterruptedRollbackTransactionIsRolledBackAndO
     ASSERT_TRUE(fs::exists(source + "-journal"));
     copyDatabase(source, path);
   }
-  EXPECT_EQ(TripletStore(path).queryTriplet("*", "*", "*", "*"), stored);
+  EXPECT_EQ(SqliteTripletStore(path).queryTriplet("*", "*", "*", "*"), stored);
 }
 
 // Several processes open one new path at the same moment, again and again.
@@ -343,7 +344,7 @@ TEST(ConcurrentCreationChild, DISABLED_OpensTheStoreItIsGivenWhenTheGateOpens) {
   char byte = 'r';
   ASSERT_EQ(write(ready, &byte, 1), 1);
   ASSERT_EQ(read(gate, &byte, 1), 1);
-  TripletStore store(path);
+  SqliteTripletStore store(path);
   store.add("children", std::to_string(getpid()), "opened", "yes");
 }
 
@@ -471,7 +472,7 @@ TEST_F(ConcurrentCreation, ManyProcessesOpeningOneNewStoreAtOnceAllSucceed) {
           << readBytes(file("child-" + std::to_string(round) + "-" + std::to_string(i)))
                  .value_or("");
     }
-    EXPECT_EQ(TripletStore(store).queryTriplet("children", "*", "opened", "yes").size(),
+    EXPECT_EQ(SqliteTripletStore(store).queryTriplet("children", "*", "opened", "yes").size(),
               std::size_t{kChildren});
   }
 }
@@ -481,7 +482,7 @@ class BusyWait : public FileStore {
  protected:
   void SetUp() override {
     FileStore::SetUp();
-    TripletStore(path).add("users", "alice", "email", "a@x");
+    SqliteTripletStore(path).add("users", "alice", "email", "a@x");
     other.emplace(path, SQLite::OPEN_READWRITE);
     other->exec("BEGIN IMMEDIATE");
   }
@@ -497,7 +498,7 @@ class BusyWait : public FileStore {
 TEST_F(BusyWait, AWriteGivesUpWithAClearErrorAfterTheBusyTimeoutAndReadsGoOn) {
   TripletStoreOptions options;
   options.busyTimeout = 300ms;
-  TripletStore store(path, options);
+  SqliteTripletStore store(path, options);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_THAT([&] { store.add("users", "bob", "email", "b@x"); },
               ::testing::ThrowsMessage<KnowledgeStoreError>(
@@ -513,7 +514,7 @@ TEST_F(BusyWait, AWriteGivesUpWithAClearErrorAfterTheBusyTimeoutAndReadsGoOn) {
 }
 
 TEST_F(BusyWait, AWriteWaitingOnAnEventLoopWorkerLetsTheLoopRunItsOtherTasks) {
-  TripletStore store(path);
+  SqliteTripletStore store(path);
   ka::EventLoop loop("busy-wait-test", 1);
   auto write = loop.async([&] {
     store.add("users", "bob", "email", "b@x");
@@ -531,7 +532,7 @@ TEST_F(BusyWait, AWriteWaitingOnAnEventLoopWorkerLetsTheLoopRunItsOtherTasks) {
 TEST_F(BusyWait, AWriteOnALoopThatMayNotBlockAnotherWorkerGivesUpAtOnce) {
   TripletStoreOptions options;
   options.busyTimeout = 10s;
-  TripletStore store(path, options);
+  SqliteTripletStore store(path, options);
   ka::EventLoop loop("busy-wait-test", 1);
   loop.setMaxSpareThreads(0);
   const auto start = std::chrono::steady_clock::now();

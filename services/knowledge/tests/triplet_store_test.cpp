@@ -1,7 +1,7 @@
 // Behaviour of QV::TripletStore: the semantics of each call, byte exactness, durability,
 // concurrent reads and the query plans. Opening and refusing files: store_open_test.
 
-#include "qvknowledge/triplet_store.hpp"
+#include "qvknowledge/sqlite_triplet_store.hpp"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -31,6 +31,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 using QV::Durability;
+using QV::SqliteTripletStore;
 using QV::TripletStore;
 using QV::TripletStoreOptions;
 using ::testing::HasSubstr;
@@ -52,7 +53,7 @@ Rows all(const TripletStore& store) {
 // Suites that only need the semantics run on a private in-memory store.
 class MemoryStore : public ::testing::Test {
  protected:
-  TripletStore store{":memory:"};
+  SqliteTripletStore store{":memory:"};
 };
 
 // Suites that need a real file get a fresh directory, removed with its content.
@@ -208,7 +209,7 @@ TEST_F(Matching, EveryCallSelectsTheRowsItsWildcardsAndLiteralsMatchInStorageOrd
         EXPECT_EQ(store.getObject(p[0], p[1], p[2]), objects);
         const auto [removed, left] = split(stored, p, "?", 1);
         EXPECT_EQ(store.contains(p[0], p[1], p[2], p[3]), !removed.empty());
-        TripletStore fresh(":memory:");
+        SqliteTripletStore fresh(":memory:");
         fill(fresh, stored);
         fresh.remove(p[0], p[1], p[2], p[3]);
         EXPECT_EQ(all(fresh), left);
@@ -258,10 +259,10 @@ TEST_F(Durable, KeepsEveryWriteInAMarkedWalStoreAcrossClosingAndReopening) {
     options.durability = durability;
     std::ofstream{path};  // an empty file becomes a store
     {
-      TripletStore store(path, options);
+      SqliteTripletStore store(path, options);
       writeSample(store);
     }
-    EXPECT_EQ(all(TripletStore(path, options)), kSampleAfterWrites);
+    EXPECT_EQ(all(SqliteTripletStore(path, options)), kSampleAfterWrites);
   }
   SQLite::Database raw(path);
   EXPECT_EQ(raw.execAndGet("PRAGMA journal_mode").getString(), "wal");
@@ -275,7 +276,7 @@ TEST_F(Durable, LosesNoAcknowledgedWriteWhenTheProcessIsKilled) {
   if (child == 0) {
     // No test machinery here: the child reports through how it ends.
     try {
-      TripletStore store(path);
+      SqliteTripletStore store(path);
       writeSample(store);
       raise(SIGKILL);
     } catch (...) {
@@ -295,7 +296,7 @@ TEST_F(Durable, LosesNoAcknowledgedWriteWhenTheProcessIsKilled) {
   ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the child failed early";
   // The writes were never checkpointed: they survive in the WAL only.
   ASSERT_GT(fs::file_size(path + "-wal"), 0u);
-  EXPECT_EQ(all(TripletStore(path)), kSampleAfterWrites);
+  EXPECT_EQ(all(SqliteTripletStore(path)), kSampleAfterWrites);
 }
 
 using ConcurrentReads = FileStore;
@@ -308,7 +309,7 @@ TEST_F(ConcurrentReads, NeverSeeAHalfDoneUpdateOnAFileOrInMemory) {
   options.readConnections = 2;  // fewer than readers: some wait for a free connection
   for (const std::string& where : {path, std::string(":memory:")}) {
     SCOPED_TRACE(where);
-    TripletStore store(where, options);
+    SqliteTripletStore store(where, options);
     store.update("d", "counter", "value", "0");
     const std::function<std::size_t()> reads[] = {
         [&] { return store.getObject("d", "counter", "value").size(); },
@@ -347,7 +348,7 @@ TEST_F(ConcurrentReads, NeverSeeAHalfDoneUpdateOnAFileOrInMemory) {
 using QueryPlans = FileStore;
 
 TEST_F(QueryPlans, EveryStatementWithAFixedPositionSearchesThroughItsMostSelectiveIndex) {
-  TripletStore store(path);
+  SqliteTripletStore store(path);
   const auto plans = store.explainQueryPlans();
   ASSERT_GE(plans.size(), 34u);
   std::map<std::string, std::string> byStatement;

@@ -16,6 +16,8 @@ namespace QV {
 
 // Out of line so the type information lives in this library only.
 UserSessionError::~UserSessionError() = default;
+UserStore::~UserStore() = default;
+void UserStore::onForeignChange(ForeignChangeHandler) {}
 
 namespace detail {
 
@@ -171,13 +173,13 @@ SQLite::Database openStore(const std::string& path, const UserSessionOptions& op
 
 }  // namespace
 
-UserStore::UserStore(const std::string& path, const UserSessionOptions& options)
+SqliteUserStore::SqliteUserStore(const std::string& path, const UserSessionOptions& options)
     : _path(path),
       _db(openStore(path, options)),
       _exists(_db, "SELECT 1 FROM users WHERE id = ?"),
       _focused(_db, "SELECT user_id FROM focus WHERE slot = 1") {}
 
-int UserStore::focused() {
+int SqliteUserStore::focused() {
   try {
     return focusedHere();
   } catch (const SQLite::Exception& error) {
@@ -185,7 +187,7 @@ int UserStore::focused() {
   }
 }
 
-bool UserStore::exists(int userId) {
+bool SqliteUserStore::exists(int userId) {
   try {
     return existsHere(userId);
   } catch (const SQLite::Exception& error) {
@@ -195,7 +197,7 @@ bool UserStore::exists(int userId) {
 
 // Each prepared read is reset once it has its answer: a statement left on its row would keep
 // the connection's read transaction, and with it an old snapshot, open.
-int UserStore::focusedHere() {
+int SqliteUserStore::focusedHere() {
   _focused.reset();
   const int id =
       _focused.executeStep() ? _focused.getColumn(0).getInt() : UserSessionService::kNoUser;
@@ -203,7 +205,7 @@ int UserStore::focusedHere() {
   return id;
 }
 
-bool UserStore::existsHere(int userId) {
+bool SqliteUserStore::existsHere(int userId) {
   _exists.reset();
   _exists.bind(1, userId);
   const bool found = _exists.executeStep();
@@ -211,7 +213,7 @@ bool UserStore::existsHere(int userId) {
   return found;
 }
 
-std::vector<int> UserStore::all() {
+std::vector<int> SqliteUserStore::all() {
   try {
     std::vector<int> ids;
     SQLite::Statement list(_db, "SELECT id FROM users ORDER BY id");
@@ -224,7 +226,7 @@ std::vector<int> UserStore::all() {
   }
 }
 
-int UserStore::create() {
+int SqliteUserStore::create() {
   std::int64_t id = 0;
   try {
     SQLite::Transaction transaction(_db, SQLite::TransactionBehavior::IMMEDIATE);
@@ -241,7 +243,7 @@ int UserStore::create() {
   return static_cast<int>(id);
 }
 
-std::optional<Deletion> UserStore::remove(const std::vector<int>& userIds) {
+std::optional<UserDeletion> SqliteUserStore::remove(const std::vector<int>& userIds) {
   if (std::set<int>(userIds.begin(), userIds.end()).size() != userIds.size()) {
     return std::nullopt;
   }
@@ -254,7 +256,7 @@ std::optional<Deletion> UserStore::remove(const std::vector<int>& userIds) {
     }
     const int focusedId = focusedHere();
     SQLite::Statement erase(_db, "DELETE FROM users WHERE id = ?");
-    Deletion deletion;
+    UserDeletion deletion;
     for (const int id : userIds) {
       erase.reset();
       erase.bind(1, id);
@@ -271,7 +273,7 @@ std::optional<Deletion> UserStore::remove(const std::vector<int>& userIds) {
   }
 }
 
-std::optional<bool> UserStore::focus(int userId) {
+std::optional<bool> SqliteUserStore::focus(int userId) {
   try {
     SQLite::Transaction transaction(_db, SQLite::TransactionBehavior::IMMEDIATE);
     if (!existsHere(userId)) {
@@ -290,7 +292,7 @@ std::optional<bool> UserStore::focus(int userId) {
   }
 }
 
-bool UserStore::clearFocus() {
+bool SqliteUserStore::clearFocus() {
   try {
     SQLite::Transaction transaction(_db, SQLite::TransactionBehavior::IMMEDIATE);
     const bool wasFocused = _db.exec("DELETE FROM focus") > 0;

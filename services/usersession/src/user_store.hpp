@@ -1,6 +1,6 @@
 #pragma once
-// The users and the focus as kept in the service's SQLite file: one connection, every change in
-// one transaction. Not thread-safe: the service serialises every call.
+// The users and the focus as kept in the service's own SQLite file: one connection, every change
+// in one transaction. Not thread-safe: the service serialises every call.
 
 #include <optional>
 #include <string>
@@ -19,29 +19,21 @@ inline constexpr int kUserSessionSchemaVersion = 1;
 // The knowledge store's application_id ("QVKS"), named in the refusal of its file.
 inline constexpr int kKnowledgeApplicationId = 0x51564B53;
 
-// What deleting a list of users did.
-struct Deletion {
-  bool focusCleared = false;
-};
-
-class UserStore {
+class SqliteUserStore final : public UserStore {
  public:
-  UserStore(const std::string& path, const UserSessionOptions& options);
+  SqliteUserStore(const std::string& path, const UserSessionOptions& options);
 
-  int focused();
-  bool exists(int userId);
-  std::vector<int> all();
+  int focused() override;
+  bool exists(int userId) override;
+  std::vector<int> all() override;
+  int create() override;
+  std::optional<UserDeletion> remove(const std::vector<int>& userIds) override;
+  std::optional<bool> focus(int userId) override;
+  bool clearFocus() override;
+  // Nobody else writes the file, so no user is ever deleted behind this store's back.
+  bool dropFocusOf(const std::vector<int>&) override { return false; }
 
-  // The new id, committed.
-  int create();
-  // Empty, changing nothing, when an id is unknown or listed twice.
-  std::optional<Deletion> remove(const std::vector<int>& userIds);
-  // Empty, changing nothing, for an unknown id; otherwise whether the focus changed.
-  std::optional<bool> focus(int userId);
-  // Whether a user was focused.
-  bool clearFocus();
-
-  const std::string& path() const noexcept { return _path; }
+  const std::string& path() const noexcept override { return _path; }
 
  private:
   // Without the translation of SQLite's errors, for use inside the writes.

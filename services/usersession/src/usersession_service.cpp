@@ -75,7 +75,30 @@ void registerUserSessionType() {
 
 class UserSessionService::Impl {
  public:
-  Impl(const std::string& path, const UserSessionOptions& options) : store(path, options) {}
+  explicit Impl(std::unique_ptr<UserStore> users) : store(std::move(users)) {
+    if (!store) {
+      throw std::invalid_argument("UserSessionService needs a store");
+    }
+  }
+
+  // The store's thread may be delivering a foreign change into this object: it is told to stop,
+  // and waits for that delivery, before anything here goes.
+  ~Impl() { store->onForeignChange(nullptr); }
+
+  // Queues what another service sharing the store committed, as this service's own changes are.
+  void takeForeign(const ForeignUserChange& change, const UserSessionService& service) {
+    auto lock = lockBlocking(mutex);
+    if (!change.created.empty()) {
+      pending.push_back({Announcement::Kind::Created, change.created});
+    }
+    if (!change.deleted.empty()) {
+      if (store->dropFocusOf(change.deleted)) {
+        pending.push_back({Announcement::Kind::Focus, {}, UserSessionService::kNoUser});
+      }
+      pending.push_back({Announcement::Kind::Deleted, change.deleted});
+    }
+    announce(std::move(lock), service);
+  }
 
   // Hands `lock` (held, after a commit queued its announcements) over to the announcing: unless
   // another call is already emitting, emits everything queued, oldest first, with the lock
@@ -104,8 +127,8 @@ class UserSessionService::Impl {
   }
 
   std::mutex mutex;
-  // Guarded by mutex.
-  detail::UserStore store;
+  // Guarded by mutex (the pointer itself never changes).
+  const std::unique_ptr<UserStore> store;
   // Guarded by mutex: committed changes not yet emitted, in commit order.
   std::deque<Announcement> pending;
   // Guarded by mutex: a call is emitting `pending`.
@@ -132,28 +155,39 @@ std::string userSessionPathBeside(const std::string& knowledgeStorePath) {
 }
 
 UserSessionService::UserSessionService(const std::string& path, UserSessionOptions options)
-    : _impl(std::make_unique<Impl>(path, options)) {}
+    : UserSessionService(std::make_unique<detail::SqliteUserStore>(path, options)) {}
+
+UserSessionService::UserSessionService(std::unique_ptr<UserStore> store)
+    : _impl(std::make_unique<Impl>(std::move(store))) {
+  _impl->store->onForeignChange([this](const ForeignUserChange& change) {
+    try {
+      _impl->takeForeign(change, *this);
+    } catch (...) {
+      // A subscriber's failure stays with the subscriber; the store's thread goes on.
+    }
+  });
+}
 
 UserSessionService::~UserSessionService() = default;
 
 int UserSessionService::getFocusedUser() const {
   const auto lock = lockBlocking(_impl->mutex);
-  return _impl->store.focused();
+  return _impl->store->focused();
 }
 
 bool UserSessionService::doesUserExist(int userId) const {
   const auto lock = lockBlocking(_impl->mutex);
-  return _impl->store.exists(userId);
+  return _impl->store->exists(userId);
 }
 
 std::vector<int> UserSessionService::users() const {
   const auto lock = lockBlocking(_impl->mutex);
-  return _impl->store.all();
+  return _impl->store->all();
 }
 
 int UserSessionService::createUser() {
   auto lock = lockBlocking(_impl->mutex);
-  const int id = _impl->store.create();
+  const int id = _impl->store->create();
   _impl->pending.push_back({Announcement::Kind::Created, {id}});
   _impl->announce(std::move(lock), *this);
   return id;
@@ -164,7 +198,7 @@ bool UserSessionService::deleteUsers(const std::vector<int>& userIds) {
     return true;
   }
   auto lock = lockBlocking(_impl->mutex);
-  const auto deletion = _impl->store.remove(userIds);
+  const auto deletion = _impl->store->remove(userIds);
   if (!deletion) {
     return false;
   }
@@ -180,7 +214,7 @@ bool UserSessionService::deleteUsers(const std::vector<int>& userIds) {
 
 bool UserSessionService::setFocusedUser(int userId) {
   auto lock = lockBlocking(_impl->mutex);
-  const auto changed = _impl->store.focus(userId);
+  const auto changed = _impl->store->focus(userId);
   if (!changed) {
     return false;
   }
@@ -193,14 +227,14 @@ bool UserSessionService::setFocusedUser(int userId) {
 
 void UserSessionService::clearFocus() {
   auto lock = lockBlocking(_impl->mutex);
-  if (_impl->store.clearFocus()) {
+  if (_impl->store->clearFocus()) {
     _impl->pending.push_back({Announcement::Kind::Focus, {}, kNoUser});
     _impl->announce(std::move(lock), *this);
   }
 }
 
 const std::string& UserSessionService::path() const noexcept {
-  return _impl->store.path();
+  return _impl->store->path();
 }
 
 ka::AnyObject makeUserSessionObject(boost::shared_ptr<UserSessionService> service) {

@@ -1,6 +1,7 @@
 // A process of its own: SQLite's process-wide settings only take while nothing in the process has
 // used SQLite yet.
 
+#include <qvknowledge/sqlite_triplet_store.hpp>
 #include <qvusersession/usersession_service.hpp>
 
 #include <string>
@@ -16,7 +17,7 @@ TEST(SqliteSetup, AUserSessionOpenedBeforeTheKnowledgeStoreLeavesAllocationStati
   ASSERT_EQ(sqlite3_memory_highwater(0), 0) << "SQLite was used before this test";
   QV::UserSessionService users(":memory:");
   users.setFocusedUser(users.createUser());
-  QV::TripletStore store(":memory:");
+  QV::SqliteTripletStore store(":memory:");
   store.add("users", "1", "name", "Ada");
   EXPECT_EQ(store.getObject("users", "1", "name"), std::vector<std::string>{"Ada"});
   EXPECT_EQ(sqlite3_memory_highwater(0), 0)

@@ -1,6 +1,7 @@
 // The user-session file: ids and the focus across restarts, ids never reused, refused files, and
 // the file living beside the knowledge store without either store touching the other's.
 
+#include <qvknowledge/sqlite_triplet_store.hpp>
 #include <qvusersession/usersession_service.hpp>
 
 #include <cstdlib>
@@ -211,13 +212,13 @@ TEST_F(BesideTheKnowledgeStore, NeitherStoreAcceptsTheOthersFile) {
   const std::string knowledge = file("knowledge.db");
   const std::string users = QV::userSessionPathBeside(knowledge);
   EXPECT_EQ(fs::path(users).parent_path(), fs::path(knowledge).parent_path());
-  { QV::TripletStore(knowledge).add("dom", "1", "name", "Ada"); }
+  { QV::SqliteTripletStore(knowledge).add("dom", "1", "name", "Ada"); }
   { UserSessionService(users).createUser(); }
   expectRefusedUnchanged(knowledge, "the file is a knowledge store, not a user session store");
   const std::string before = readBytes(users);
-  EXPECT_THROW(QV::TripletStore store(users), QV::KnowledgeStoreError);
+  EXPECT_THROW(QV::SqliteTripletStore store(users), QV::KnowledgeStoreError);
   EXPECT_EQ(readBytes(users), before);
-  EXPECT_EQ(QV::TripletStore(knowledge).getObject("dom", "1", "name"),
+  EXPECT_EQ(QV::SqliteTripletStore(knowledge).getObject("dom", "1", "name"),
             std::vector<std::string>{"Ada"});
 }
 

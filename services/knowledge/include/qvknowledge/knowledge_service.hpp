@@ -3,7 +3,7 @@
 // methods "getObject", "contains", "update", "remove", "queryTriplet" and "add" take
 // strings and answer from a TripletStore.
 
-#include <qvknowledge/triplet_store.hpp>
+#include <qvknowledge/sqlite_triplet_store.hpp>
 
 #include <ka/future.hpp>
 #include <ka/object.hpp>
