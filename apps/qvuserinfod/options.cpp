@@ -1,6 +1,7 @@
 #include "options.hpp"
 
 #include <appcommon/default_url.hpp>
+#include <qvpostgres/postgres_database.hpp>
 
 #include <CLI/CLI.hpp>
 
@@ -93,6 +94,7 @@ CommandLine readCommandLine(int argc, char** argv) {
 
   std::string stateDir;
   std::string database;
+  std::string store;
   std::vector<std::string> listen;
   std::string connect;
   bool noUserSession = false;
@@ -108,6 +110,18 @@ CommandLine readCommandLine(int argc, char** argv) {
   app.add_option("--database", database,
                  "The knowledge store's SQLite file (the users are kept beside it, in "
                  "<file>.users). Default: knowledge.db in the state or data dir");
+  auto* storeOption =
+      app.add_option("--store", store,
+                     "Keep users and knowledge in a PostgreSQL database shared with other daemons: "
+                     "a libpq URI postgresql://user@host/db (the password from PGPASSWORD or "
+                     "~/.pgpass, never here). Default: the SQLite file")
+          ->check(
+              [](const std::string& text) {
+                return QV::isPostgresUri(text)
+                           ? std::string()
+                           : "expected a URI postgresql://[user@]host[:port]/database";
+              },
+              "URI");
   auto* listenOption = app.add_option(
       "--listen", listen,
       "Serve on URL, repeatable: unix:///path/to.sock or tcp://127.0.0.1:PORT (0 = any free "
@@ -115,6 +129,7 @@ CommandLine readCommandLine(int argc, char** argv) {
   auto* connectOption = app.add_option(
       "--connect", connect, "Join the service directory served at URL instead of serving one");
   listenOption->excludes(connectOption);
+  storeOption->excludes(app.get_option("--database"));
   app.add_flag("--no-user-session", noUserSession,
                "Do not publish QVUserSession: another process provides it");
   app.add_option("--durability", durability,
@@ -162,12 +177,17 @@ CommandLine readCommandLine(int argc, char** argv) {
     if (!stateDir.empty()) {
       createDirectories(stateDir);
     }
-    if (database.empty()) {
+    settings.store = store;
+    if (!store.empty()) {
+      // No file to make or name.
+    } else if (database.empty()) {
       const std::string dir = stateDir.empty() ? qvapp::dataDir() : stateDir;
       createDirectories(dir);
       database = (fs::path(dir) / qvapp::kDatabaseName).string();
     }
-    settings.database = absolute(database);
+    if (store.empty()) {
+      settings.database = absolute(database);
+    }
     if (!connect.empty()) {
       settings.connect = connect;
     } else if (!listen.empty()) {

@@ -21,7 +21,8 @@ struct LogRule {
 
 // What the daemon runs with; printed at start, one line each.
 struct Settings {
-  std::string database;             // the knowledge store's file
+  std::string database;             // the knowledge store's file (without store)
+  std::string store;                // a PostgreSQL connection URI, or empty for the SQLite file
   std::vector<std::string> listen;  // urls to serve the directory on (empty with connect)
   std::string connect;              // the directory to join instead (empty when serving)
   bool ownUserSession = true;       // publish "QVUserSession" here

@@ -1,6 +1,9 @@
 #include "service_host.hpp"
 
+#include "userinfo_relay.hpp"
+
 #include <qvknowledge/knowledge_service.hpp>
+#include <qvpostgres/postgres_stores.hpp>
 #include <qvuserinfo/qvuserinfo.hpp>
 #include <qvusersession/usersession_service.hpp>
 
@@ -41,26 +44,12 @@ ServiceHost::ServiceHost(const Settings& settings) : _settings(settings) {
       waitFor(_session->connect(settings.connect, endpoint), "connect");
     }
 
-    QV::TripletStoreOptions storeOptions;
-    storeOptions.durability = settings.durability;
-    try {
-      _store = std::make_shared<QV::SqliteTripletStore>(settings.database, storeOptions);
-    } catch (const std::exception& e) {
-      throw StartError("database", e.what());
-    }
+    openStores();
     waitFor(_session->registerService(QV::KnowledgeService::kServiceName,
                                       QV::makeKnowledgeObject(_store)),
             "publish QVKnowledge");
 
-    if (settings.ownUserSession) {
-      QV::UserSessionOptions userOptions;
-      userOptions.durability = settings.durability;
-      try {
-        _users = boost::make_shared<QV::UserSessionService>(
-            QV::userSessionPathBeside(settings.database), userOptions);
-      } catch (const std::exception& e) {
-        throw StartError("user database", e.what());
-      }
+    if (_users) {
       waitFor(_session->registerService(QV::UserSessionService::kServiceName,
                                         QV::makeUserSessionObject(_users)),
               "publish QVUserSession");
@@ -70,6 +59,9 @@ ServiceHost::ServiceHost(const Settings& settings) : _settings(settings) {
       _userInfo = boost::make_shared<QV::QVUserInfo>(_session);
     } catch (const std::exception& e) {
       throw StartError("user information service", e.what());
+    }
+    if (_database) {
+      _relay = std::make_unique<UserInfoRelay>(*_userInfo, _database);
     }
     waitFor(_session->registerService(kUserInfoName, ka::makeObject(_userInfo)),
             "publish QVUserInfo");
@@ -85,8 +77,41 @@ ServiceHost::ServiceHost(const Settings& settings) : _settings(settings) {
 }
 
 ServiceHost::~ServiceHost() {
+  _relay.reset();
   if (_session) {
     _session->close();
+  }
+}
+
+void ServiceHost::openStores() {
+  try {
+    if (!_settings.store.empty()) {
+      QV::PostgresOptions options;
+      options.durability = _settings.durability;
+      _database = QV::PostgresDatabase::open(_settings.store, options);
+      _store = QV::makePostgresTripletStore(_database);
+    } else {
+      QV::TripletStoreOptions options;
+      options.durability = _settings.durability;
+      _store = std::make_shared<QV::SqliteTripletStore>(_settings.database, options);
+    }
+  } catch (const std::exception& e) {
+    throw StartError("database", e.what());
+  }
+  if (!_settings.ownUserSession) {
+    return;
+  }
+  try {
+    if (_database) {
+      _users = boost::make_shared<QV::UserSessionService>(QV::makePostgresUserStore(_database));
+    } else {
+      QV::UserSessionOptions options;
+      options.durability = _settings.durability;
+      _users = boost::make_shared<QV::UserSessionService>(
+          QV::userSessionPathBeside(_settings.database), options);
+    }
+  } catch (const std::exception& e) {
+    throw StartError("user database", e.what());
   }
 }
 
@@ -108,6 +133,7 @@ bool ServiceHost::stop(std::chrono::milliseconds limit) {
                               << " ms were cut short";
   }
   _session->close();
+  _relay.reset();
   _userInfo.reset();
   _session.reset();
   // The services' objects went with the session; what is left holds the files.
@@ -115,6 +141,7 @@ bool ServiceHost::stop(std::chrono::milliseconds limit) {
   const boost::weak_ptr<QV::UserSessionService> users = _users;
   _store.reset();
   _users.reset();
+  _database.reset();
   if (!store.expired() || !users.expired()) {
     KA_LOG_WARNING(kCategory) << "a store is still in use after the session closed";
     complete = false;

@@ -16,12 +16,15 @@
 #include <vector>
 
 namespace QV {
+class PostgresDatabase;
 class QVUserInfo;
 class TripletStore;
 class UserSessionService;
 }  // namespace QV
 
 namespace qvuserinfod {
+
+class UserInfoRelay;
 
 // Why the daemon could not start: `what` names the step ("database", "listen", "connect"...),
 // the text the reason.
@@ -55,8 +58,14 @@ class ServiceHost {
   bool stop(std::chrono::milliseconds limit);
 
  private:
+  void openStores();
+
   const Settings _settings;
   ka::SessionPtr _session;
+  // Set with a shared database: the stores run on it, and the relay carries the service's
+  // signals to and from the other daemons.
+  std::shared_ptr<QV::PostgresDatabase> _database;
+  std::unique_ptr<UserInfoRelay> _relay;
   std::shared_ptr<QV::TripletStore> _store;
   boost::shared_ptr<QV::UserSessionService> _users;
   boost::shared_ptr<QV::QVUserInfo> _userInfo;

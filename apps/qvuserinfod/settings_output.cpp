@@ -3,7 +3,11 @@
 namespace qvuserinfod {
 
 void printSettings(std::ostream& out, const Settings& settings) {
-  out << "database: " << settings.database << "\n";
+  if (settings.store.empty()) {
+    out << "database: " << settings.database << "\n";
+  } else {
+    out << "store: " << settings.store << "\n";
+  }
   out << "durability: " << durabilityName(settings.durability) << "\n";
   if (settings.connect.empty()) {
     for (const auto& url : settings.listen) {

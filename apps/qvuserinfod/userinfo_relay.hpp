@@ -1,0 +1,46 @@
+#pragma once
+// Carries the user information service's change signals between the daemons of one shared
+// database: what this daemon's service emits (userInfoEdited, userInfoRemoved) is announced to
+// the others through the database, and what they announce is emitted here, so that a subscriber
+// of any daemon hears of a change made through any of them.
+
+#include <qvpostgres/postgres_database.hpp>
+
+#include <ka/signal.hpp>
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace QV {
+class QVUserInfo;
+}
+
+namespace qvuserinfod {
+
+class UserInfoRelay {
+ public:
+  UserInfoRelay(QV::QVUserInfo& userInfo, std::shared_ptr<QV::PostgresDatabase> database);
+  // Stops relaying both ways; waits for a delivery in progress.
+  ~UserInfoRelay();
+  UserInfoRelay(const UserInfoRelay&) = delete;
+  UserInfoRelay& operator=(const UserInfoRelay&) = delete;
+
+ private:
+  // Announces `kind`/`payload`, and first what earlier announcements left behind while the
+  // database was unreachable; keeps it for the next time if it cannot.
+  void announce(std::string kind, std::string payload);
+
+  QV::QVUserInfo& _userInfo;
+  const std::shared_ptr<QV::PostgresDatabase> _database;
+  ka::SignalLink _editedLink = ka::SignalLink_Invalid;
+  ka::SignalLink _removedLink = ka::SignalLink_Invalid;
+
+  std::mutex _outboxMutex;
+  // Guarded by _outboxMutex: announcements not yet recorded, oldest first.
+  std::deque<std::pair<std::string, std::string>> _outbox;
+};
+
+}  // namespace qvuserinfod
