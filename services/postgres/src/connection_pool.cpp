@@ -95,7 +95,7 @@ void Pool::giveBack(std::unique_ptr<Connection> connection, std::uint64_t genera
     } else {
       // A new connection lost at once: the server is gone. Calls fail fast until the owner
       // reconnects, instead of each finding out by itself.
-      markUnreachable(PQerrorMessage(dropped->raw()));
+      markUnreachable(dropped->errorMessage());
     }
   } else {
     idle_.push_back(std::move(connection));

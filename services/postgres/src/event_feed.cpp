@@ -156,7 +156,7 @@ void EventFeed::run() {
         reconnected_ = true;
         // Usually the server went (a restart ends every session): the idle connections of the
         // pool are gone too, and calls had better fail at once than on a dead connection.
-        pool_.markLost(std::string("lost the connection: ") + PQerrorMessage(listener_->raw()));
+        pool_.markLost("lost the connection: " + listener_->errorMessage());
       }
       if (!connect()) {
         if (!pause(Clock::now() + delay)) {

@@ -243,6 +243,10 @@ Result Connection::exec(const std::string& sql, Clock::time_point deadline) {
   return finish(deadline);
 }
 
+std::string Connection::errorMessage() const {
+  return trimmed(PQerrorMessage(conn_));
+}
+
 bool Connection::consumeInput() {
   if (PQconsumeInput(conn_) == 0 || PQstatus(conn_) != CONNECTION_OK) {
     broken_ = true;

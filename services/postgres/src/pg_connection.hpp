@@ -77,6 +77,9 @@ class Connection {
   // Runs SQL text without parameters (several statements allowed); results in text.
   Result exec(const std::string& sql, Clock::time_point deadline);
 
+  // libpq's last error on this connection, on one line.
+  std::string errorMessage() const;
+
   bool broken() const noexcept { return broken_ || PQstatus(conn_) != CONNECTION_OK; }
   PGconn* raw() noexcept { return conn_; }
 
