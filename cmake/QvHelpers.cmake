@@ -64,16 +64,24 @@ function(qv_install_config target deps)
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
 endfunction()
 
-# qv_add_tests(<dir> <libs...>): one GoogleTest executable per <dir>/*_test.cpp.
+# qv_add_tests(<dir> [POSTGRES] <libs...>): one GoogleTest executable per <dir>/*_test.cpp.
+# POSTGRES: the tests use the PostgreSQL server that the ctest fixture `postgres` starts in
+# QV_TEST_PG_DIR (the environment variable of the same name tells them where).
 function(qv_add_tests dir)
   if(NOT QV_BUILD_TESTS)
     return()
+  endif()
+  cmake_parse_arguments(_qv "POSTGRES" "" "" ${ARGN})
+  set(_properties TIMEOUT 120)
+  if(_qv_POSTGRES)
+    list(APPEND _properties FIXTURES_REQUIRED postgres ENVIRONMENT QV_TEST_PG_DIR=${QV_TEST_PG_DIR})
   endif()
   file(GLOB _tests CONFIGURE_DEPENDS ${dir}/*_test.cpp)
   foreach(_t ${_tests})
     get_filename_component(_name ${_t} NAME_WE)
     add_executable(${_name} ${_t})
-    target_link_libraries(${_name} PRIVATE ${ARGN} GTest::gtest GTest::gmock GTest::gtest_main)
-    gtest_discover_tests(${_name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+    target_link_libraries(${_name} PRIVATE ${_qv_UNPARSED_ARGUMENTS} GTest::gtest GTest::gmock
+                                           GTest::gtest_main)
+    gtest_discover_tests(${_name} DISCOVERY_TIMEOUT 60 PROPERTIES ${_properties})
   endforeach()
 endfunction()
