@@ -13,7 +13,8 @@
 //   userinfo_remote_load run --url URL --users N --request B --reply B [--seconds S]
 //                            [--prefix P]
 //     For 1 and then 8 clients: ping-pong, get(id, "birthyear"), _set(id, "birthyear", int) on
-//     users 1..N: P.pingpong.T.*, P.get.T.*, P.set.T.* (T: 1 or 8).
+//     users 1..N: P.pingpong.T.*, P.get.T.*, P.set.T.* (T: 1 or 8); with 8, one _set in ten
+//     gets: P.mix.8.*.
 //   userinfo_remote_load read --url URL --users N --calls C
 //     C gets of scattered users, to bring part of a large store into the daemon's memory.
 
@@ -226,6 +227,17 @@ int run(const std::string& url, int users, std::size_t request, std::size_t repl
              const auto i = static_cast<std::size_t>(t);
              list[i]->set(pickers[i].next(), 1940 + years[i]++ % 70);
            }));
+    if (threads == 8) {
+      // What a device mostly does: reads, with a write in ten.
+      report(prefix + ".mix" + suffix, bench::measure(threads, budget, [&](int t) {
+               const auto i = static_cast<std::size_t>(t);
+               if (years[i]++ % 10 == 0) {
+                 list[i]->set(pickers[i].next(), 1940 + years[i] % 70);
+               } else {
+                 list[i]->get(pickers[i].next());
+               }
+             }));
+    }
   }
   return 0;
 }
