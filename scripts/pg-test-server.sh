@@ -30,8 +30,14 @@ if [ "$(id -u)" -eq 0 ]; then
   as_owner=(runuser -u postgres --)
 fi
 
+# The socket lives in a short directory of its own: a socket path is limited to about 100
+# characters, which a build directory deep in a checkout may exceed.
+socket_dir() {
+  echo "/tmp/qvpg-$(printf '%s' "$1" | md5sum | cut -c1-12)"
+}
+
 uri() {
-  echo "postgresql:///postgres?host=$1&user=$owner"
+  echo "postgresql:///postgres?host=$(socket_dir "$1")&user=$owner"
 }
 
 halt() {
@@ -64,7 +70,12 @@ case "$command" in
       "${as_owner[@]}" "$bindir/initdb" -D "$dir/data" -A trust -E UTF8 --locale=C >"$dir/initdb.log" 2>&1 ||
         { cat "$dir/initdb.log" >&2; exit 1; }
     fi
-    settings="-k $dir -c listen_addresses='' -c max_connections=300"
+    sockets=$(socket_dir "$dir")
+    mkdir -p "$sockets"
+    if [ "$(id -u)" -eq 0 ]; then
+      chown postgres "$sockets"
+    fi
+    settings="-k $sockets -c listen_addresses='' -c max_connections=300"
     for arg in "$@"; do
       settings+=" $arg"
     done
@@ -76,7 +87,7 @@ case "$command" in
     ;;
   stop)
     halt "$dir" fast
-    rm -rf "$dir"
+    rm -rf "$dir" "$(socket_dir "$(cd "$dir" 2>/dev/null && pwd || echo "$dir")")"
     ;;
   halt)
     halt "$dir" fast
