@@ -5,8 +5,9 @@
 //   pg_raw_load populate --uri URI --users N
 //     Users 1..N with a "birthyear" each, straight into the tables the daemon created.
 //   pg_raw_load run --uri URI --users N [--seconds S] [--prefix P]
-//     For 1 and 8 threads: the get lookup (P.get.T.*) and the update function (P.set.T.*), and
-//     for 8 threads one update in ten gets (P.mix.8.*).
+//     For 1 and 8 threads: the get lookup (P.get.T.*), the three statements a get through the
+//     service runs (the user check, the declared type, the value: P.get3.T.*), the update
+//     function (P.set.T.*), and for 8 threads one update in ten gets (P.mix.8.*).
 
 #include <libpq-fe.h>
 
@@ -82,11 +83,22 @@ struct Client {
                        "subject = $2::bytea AND predicate = $3::bytea ORDER BY id",
                        3);
     connection.prepare("set", "SELECT qv_update($1::bytea, $2::bytea, $3::bytea, $4::bytea)", 4);
+    connection.prepare("exists", "SELECT 1 FROM qv_users WHERE id = $1::integer", 1);
   }
   void get(int user) {
     if (connection.run("get", {kDomain, std::to_string(user), kDataName}) != 1) {
       throw std::runtime_error("no birthyear for user " + std::to_string(user));
     }
+  }
+  // What a get through the service asks the database: the user, the name's type, the value.
+  void get3(int user) {
+    const std::string id{static_cast<char>(user >> 24), static_cast<char>(user >> 16),
+                         static_cast<char>(user >> 8), static_cast<char>(user)};
+    if (connection.run("exists", {id}) != 1 ||
+        connection.run("get", {kDomain, kDataName, "rangeType"}) != 1) {
+      throw std::runtime_error("no user " + std::to_string(user) + " or no type of " + kDataName);
+    }
+    get(user);
   }
   void set(int user, int year) {
     connection.run("set", {kDomain, std::to_string(user), kDataName, std::to_string(year)});
@@ -119,6 +131,10 @@ int run(const std::string& uri, int users, double seconds, const std::string& pr
     report(prefix + ".get" + suffix, bench::measure(threads, budget, [&](int t) {
              const auto i = static_cast<std::size_t>(t);
              clients[i]->get(pickers[i].next());
+           }));
+    report(prefix + ".get3" + suffix, bench::measure(threads, budget, [&](int t) {
+             const auto i = static_cast<std::size_t>(t);
+             clients[i]->get3(pickers[i].next());
            }));
     std::vector<int> counts(static_cast<std::size_t>(threads), 0);
     report(prefix + ".set" + suffix, bench::measure(threads, budget, [&](int t) {
