@@ -66,6 +66,8 @@ TEST_F(SharedDatabase, AUserAndAValueMadeThroughOneDaemonAreKnownAndAnnouncedOnT
     EXPECT_EQ(onB.get(user, "name"), "Ada");
     ASSERT_TRUE(onA.info->async<bool>("_set", user, std::string("birthyear"), ka::AnyValue(1990))
                     .value(kCallMs));
+    // a's edits reach b through the database, after b's own would: wait for them first.
+    ASSERT_EQ(edits.waitFor(2).size(), 2u);
     // One of b's own: announced once to b's subscriber, not again through the database.
     ASSERT_TRUE(onB.set(user, "fullname", "Ada King"));
     const auto heard = edits.waitFor(3);
