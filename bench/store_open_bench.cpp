@@ -15,8 +15,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using QV::OpenCheck;
-using QV::Triplet;
 using QV::SqliteTripletStore;
+using QV::Triplet;
 using QV::TripletStore;
 using QV::TripletStoreOptions;
 

@@ -29,8 +29,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using QV::Durability;
-using QV::Triplet;
 using QV::SqliteTripletStore;
+using QV::Triplet;
 using QV::TripletStore;
 
 constexpr const char* kDomains[] = {"profile", "auth", "prefs"};

@@ -191,8 +191,8 @@ const std::string& SqliteTripletStore::path() const noexcept {
 }
 
 std::vector<std::string> SqliteTripletStore::getObject(const std::string& domain,
-                                                 const std::string& subject,
-                                                 const std::string& predicate) const {
+                                                       const std::string& subject,
+                                                       const std::string& predicate) const {
   return impl_->read("getObject", [&](detail::ReadStatements& reads) {
     StatementUse use(reads.getObject);
     detail::bindValues(*use, {&domain, &subject, &predicate, nullptr});
@@ -205,7 +205,7 @@ std::vector<std::string> SqliteTripletStore::getObject(const std::string& domain
 }
 
 bool SqliteTripletStore::contains(const std::string& domain, const std::string& subject,
-                            const std::string& predicate, const std::string& object) const {
+                                  const std::string& predicate, const std::string& object) const {
   const CallValues values = pattern(domain, subject, predicate, object, '?', false);
   return impl_->read("contains", [&](detail::ReadStatements& reads) {
     StatementUse use(reads.contains[detail::domainFixedSlot(shapeOf(values))]);
@@ -214,10 +214,9 @@ bool SqliteTripletStore::contains(const std::string& domain, const std::string& 
   });
 }
 
-std::vector<std::vector<std::string>> SqliteTripletStore::queryTriplet(const std::string& domain,
-                                                                 const std::string& subject,
-                                                                 const std::string& predicate,
-                                                                 const std::string& object) const {
+std::vector<std::vector<std::string>> SqliteTripletStore::queryTriplet(
+    const std::string& domain, const std::string& subject, const std::string& predicate,
+    const std::string& object) const {
   const CallValues values = pattern(domain, subject, predicate, object, '*', true);
   return impl_->read("queryTriplet", [&](detail::ReadStatements& reads) {
     StatementUse use(reads.query[shapeOf(values)]);
@@ -236,7 +235,7 @@ std::vector<std::vector<std::string>> SqliteTripletStore::queryTriplet(const std
 }
 
 void SqliteTripletStore::update(const std::string& domain, const std::string& subject,
-                          const std::string& predicate, const std::string& object) {
+                                const std::string& predicate, const std::string& object) {
   constexpr Shape kKey =
       fixedBit(detail::kDomain) | fixedBit(detail::kSubject) | fixedBit(detail::kPredicate);
   impl_->write("update", [&](detail::WriteStatements& writes) {
@@ -246,14 +245,14 @@ void SqliteTripletStore::update(const std::string& domain, const std::string& su
 }
 
 void SqliteTripletStore::add(const std::string& domain, const std::string& subject,
-                       const std::string& predicate, const std::string& object) {
+                             const std::string& predicate, const std::string& object) {
   impl_->write("add", [&](detail::WriteStatements& writes) {
     execute(writes.insert, {&domain, &subject, &predicate, &object});
   });
 }
 
 void SqliteTripletStore::remove(const std::string& domain, const std::string& subject,
-                          const std::string& predicate, const std::string& object) {
+                                const std::string& predicate, const std::string& object) {
   const CallValues values = pattern(domain, subject, predicate, object, '?', false);
   impl_->write("remove", [&](detail::WriteStatements& writes) {
     execute(writes.remove[detail::domainFixedSlot(shapeOf(values))], values);
