@@ -1,12 +1,15 @@
 #include "settings_output.hpp"
 
+#include <qvpostgres/postgres_database.hpp>
+
 namespace qvuserinfod {
 
 void printSettings(std::ostream& out, const Settings& settings) {
   if (settings.store.empty()) {
     out << "database: " << settings.database << "\n";
   } else {
-    out << "store: " << settings.store << "\n";
+    // Stdout goes to logs: a password in the string (refused at the start) stays out of them.
+    out << "store: " << QV::withoutPassword(settings.store, settings.store) << "\n";
   }
   out << "durability: " << durabilityName(settings.durability) << "\n";
   if (settings.connect.empty()) {

@@ -4,9 +4,11 @@
 
 #include <libpq-fe.h>
 
+#include <algorithm>
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <vector>
 
 namespace QV {
 namespace {
@@ -28,9 +30,15 @@ void refusePassword(const std::string& uri) {
   char* error = nullptr;
   PQconninfoOption* options = PQconninfoParse(uri.c_str(), &error);
   if (options == nullptr) {
-    const std::string reason = error == nullptr ? "out of memory" : error;
+    std::string reason = error == nullptr ? "out of memory" : error;
     PQfreemem(error);
-    throw PostgresError("database '" + uri + "': not a valid connection string: " + reason);
+    while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) {
+      reason.pop_back();
+    }
+    // Neither the string nor libpq's reason (which may quote the string or the password) is
+    // parsed, so the password is hidden wherever it was written.
+    throw PostgresError(
+        withoutPassword("database '" + uri + "': not a valid connection string: " + reason, uri));
   }
   bool hasPassword = false;
   for (PQconninfoOption* option = options; option->keyword != nullptr; ++option) {
@@ -57,6 +65,57 @@ void setUpSession(pg::Connection& connection, const PostgresOptions& options) {
 }  // namespace
 
 PostgresError::~PostgresError() = default;
+
+std::string withoutPassword(std::string text, const std::string& uri) {
+  std::vector<std::string> passwords;
+  // user:password@ in a URI's authority, which ends at the first '/' or '?' after the scheme.
+  const auto scheme = uri.find("://");
+  if (scheme != std::string::npos) {
+    const auto start = scheme + 3;
+    const auto end = uri.find_first_of("/?", start);
+    const std::string authority =
+        uri.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    const auto at = authority.rfind('@');
+    const auto colon = authority.find(':');
+    if (at != std::string::npos && colon < at && colon + 1 < at) {
+      passwords.push_back(authority.substr(colon + 1, at - colon - 1));
+    }
+  }
+  // password=... as a URI query parameter or a key=value pair (possibly quoted).
+  for (auto key = uri.find("password"); key != std::string::npos;
+       key = uri.find("password", key + 1)) {
+    auto value = key + 8;
+    while (value < uri.size() && uri[value] == ' ') {
+      ++value;
+    }
+    if (value >= uri.size() || uri[value] != '=') {
+      continue;
+    }
+    ++value;
+    while (value < uri.size() && uri[value] == ' ') {
+      ++value;
+    }
+    std::size_t end = value;
+    if (end < uri.size() && uri[end] == '\'') {
+      for (++end; end < uri.size() && uri[end] != '\''; ++end) {
+        end += uri[end] == '\\' ? 1 : 0;
+      }
+      end = std::min(end + 1, uri.size());
+    } else {
+      end = uri.find_first_of("& ", value);
+      end = end == std::string::npos ? uri.size() : end;
+    }
+    if (end > value) {
+      passwords.push_back(uri.substr(value, end - value));
+    }
+  }
+  for (const auto& password : passwords) {
+    for (auto at = text.find(password); at != std::string::npos; at = text.find(password, at + 3)) {
+      text.replace(at, password.size(), "***");
+    }
+  }
+  return text;
+}
 
 bool isPostgresUri(const std::string& text) {
   return text.rfind("postgresql://", 0) == 0 || text.rfind("postgres://", 0) == 0;

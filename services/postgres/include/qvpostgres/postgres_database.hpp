@@ -96,4 +96,8 @@ class QVPOSTGRES_API PostgresDatabase : public std::enable_shared_from_this<Post
 // Whether `text` names a PostgreSQL database (a postgresql:// or postgres:// URI).
 QVPOSTGRES_API bool isPostgresUri(const std::string& text);
 
+// `text` with every password that the connection string `uri` holds (user:password@ in a URI, a
+// password parameter or key) replaced by "***", for anything that shows or logs the string.
+QVPOSTGRES_API std::string withoutPassword(std::string text, const std::string& uri);
+
 }  // namespace QV
