@@ -54,7 +54,10 @@ class PrivateServer {
     }
   }
   const std::string& uri() const { return uri_; }
+  // Stops it fast (clients cut off, a clean shutdown) | as in a crash; start() brings it back
+  // on the same data.
   void halt() { runScript("halt " + dir_); }
+  void kill() { runScript("kill " + dir_); }
   void start() { runScript("start " + dir_ + " -c fsync=off"); }
 
  private:
