@@ -131,6 +131,15 @@ void EventFeed::catchUp() {
 }
 
 void EventFeed::waitForNotification(Clock::time_point until) {
+  // A notification that came in while catchUp's query ran was read with its answer: it waits in
+  // libpq's queue, not on the socket, and its event may have committed after that query looked.
+  bool pending = false;
+  while (listener_->nextNotification()) {
+    pending = true;
+  }
+  if (pending) {
+    return;
+  }
   pollfd fds[2] = {{PQsocket(listener_->raw()), POLLIN, 0}, {wakeFd_, POLLIN, 0}};
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
   const int ready = ::poll(fds, 2, static_cast<int>(std::max<long long>(0, left.count())));
