@@ -168,8 +168,10 @@ void DaemonsOnOneDatabase::serveAgainAfter(pgtest::PrivateServer& server,
   writes.expectAllThere(client);
   const int user = client.createUser();
   ASSERT_TRUE(client.set(user, "name", "after"));
+  const auto acknowledged = Clock::now();
   EXPECT_TRUE(onBHeard.waitForLine("edited " + std::to_string(user) + " name s:after"))
       << "b's subscriber no longer hears a's edits";
+  EXPECT_LT(Clock::now() - acknowledged, std::chrono::seconds(3)) << "heard late";
   stop(*a);
   stop(*b);
 }
@@ -259,6 +261,45 @@ TEST_F(DaemonsOnOneDatabase,
         [&](const std::string& line) { return line != "created " + std::to_string(third); });
     EXPECT_EQ(heardFromA, fromA) << "all heard: " << ::testing::PrintToString(heard);
     EXPECT_EQ(std::count(heard.begin(), heard.end(), "created " + std::to_string(third)), 1);
+  }
+  stop(*a);
+  stop(*b);
+}
+
+TEST_F(DaemonsOnOneDatabase, EditsInQuickSuccessionThroughOneDaemonAreHeardAtOnceOnTheOther) {
+  pgtest::TestDatabase database;
+  auto a = startOn(database.uri(), "a");
+  auto b = startOn(database.uri(), "b");
+  ASSERT_TRUE(a && b);
+  constexpr int kWriters = 3;
+  constexpr int kRounds = 120;
+  Heard onBHeard;
+  {
+    Client listener(urlOf("b"));
+    hearEdits(listener, onBHeard);
+    std::vector<std::unique_ptr<Client>> writers;
+    for (int w = 0; w < kWriters; ++w) {
+      writers.push_back(std::make_unique<Client>(urlOf("a")));
+    }
+    const int user = writers.front()->createUser();
+    // Rounds of edits committed close together: the other daemon, woken by the first, reads
+    // while the next come in. Each must wake it, not wait for its next look seconds later.
+    for (int round = 0; round < kRounds; ++round) {
+      std::vector<std::thread> threads;
+      for (int w = 0; w < kWriters; ++w) {
+        threads.emplace_back([&, w] {
+          EXPECT_TRUE(writers[w]->set(user, "k" + std::to_string(w), std::to_string(round)));
+        });
+      }
+      for (auto& thread : threads) {
+        thread.join();
+      }
+      const auto acknowledged = Clock::now();
+      const std::size_t expected = static_cast<std::size_t>((round + 1) * kWriters);
+      ASSERT_EQ(onBHeard.waitFor(expected).size(), expected) << "round " << round;
+      ASSERT_LT(Clock::now() - acknowledged, std::chrono::seconds(3))
+          << "round " << round << ": heard late";
+    }
   }
   stop(*a);
   stop(*b);
