@@ -42,6 +42,9 @@ constexpr std::chrono::milliseconds kDefaultSpareIdleTimeout{5000};
 thread_local WorkerPool* tlsPool = nullptr;  // the pool this thread is a worker of
 thread_local bool tlsInTask = false;         // this worker is running one of the pool's tasks
 thread_local int tlsBlockingDepth = 0;       // nesting of BlockingScopes on this thread
+// Run by the next BlockingScope on this thread, then cleared (see BlockingHookScope).
+thread_local BlockingHookScope::Hook tlsBlockingHook = nullptr;
+thread_local void* tlsBlockingHookContext = nullptr;
 
 }  // namespace
 
@@ -370,8 +373,26 @@ class WorkerPool {
   int heldWarnings_ = 0;
 };
 
+BlockingHookScope::BlockingHookScope(Hook hook, void* context) noexcept
+    : previousHook_(tlsBlockingHook), previousContext_(tlsBlockingHookContext) {
+  tlsBlockingHook = hook;
+  tlsBlockingHookContext = context;
+}
+
+BlockingHookScope::~BlockingHookScope() {
+  tlsBlockingHook = previousHook_;
+  tlsBlockingHookContext = previousContext_;
+}
+
 BlockingScope::BlockingScope()
     : pool_(tlsBlockingDepth == 0 ? tlsPool : nullptr), outermost_(tlsBlockingDepth == 0) {
+  if (const auto hook = tlsBlockingHook) {
+    tlsBlockingHook = nullptr;
+    const std::string refusal = hook(tlsBlockingHookContext);
+    if (!refusal.empty()) {
+      throw std::runtime_error(refusal);
+    }
+  }
   if (pool_ != nullptr) {
     const std::string refusal = pool_->enterBlocking();
     if (!refusal.empty()) {

@@ -129,6 +129,15 @@ Future<AnyValue> LocalObject::metaCall(unsigned int uid, const AnyReferenceVecto
   return result;
 }
 
+bool LocalObject::runsOnAnyThread(unsigned int uid) const {
+  const MetaMethod* meta = _type->metaObject.method(uid);
+  if (meta == nullptr || _type->threadingModel == ObjectThreadingModel::SingleThread) {
+    return false;
+  }
+  const std::size_t index = static_cast<std::size_t>(meta - _type->metaObject.methods().data());
+  return _type->methods[index].callType != MetaCallType::Queued;
+}
+
 SignalBase* LocalObject::signalAt(unsigned int signalUid) {
   const MetaSignal* meta = _type->metaObject.signal(signalUid);
   if (meta == nullptr) {

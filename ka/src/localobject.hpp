@@ -23,6 +23,7 @@ class LocalObject : public GenericObject {
                                  const SignalSubscriber& subscriber) override;
   Future<void> metaDisconnect(SignalLink link) override;
   void metaPost(unsigned int signalUid, const AnyReferenceVector& args) override;
+  bool runsOnAnyThread(unsigned int uid) const override;
 
  private:
   AnyValue invoke(std::size_t index, const AnyReferenceVector& args);

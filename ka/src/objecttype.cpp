@@ -38,6 +38,10 @@ ObjectTypePtr findType(const std::type_info& info) {
 
 GenericObject::~GenericObject() = default;
 
+bool GenericObject::runsOnAnyThread(unsigned int) const {
+  return false;
+}
+
 Future<AnyValue> GenericObject::metaCall(const std::string& name, const AnyReferenceVector& args,
                                          MetaCallType callType) {
   try {

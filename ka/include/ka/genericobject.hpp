@@ -40,6 +40,10 @@ class KA_API GenericObject : public boost::enable_shared_from_this<GenericObject
   virtual Future<void> metaDisconnect(SignalLink link) = 0;
   // Triggers signal `uid` as if the object had emitted it.
   virtual void metaPost(unsigned int signalUid, const AnyReferenceVector& args) = 0;
+  // Whether method `uid` may run directly on any thread, concurrently with other calls: true for
+  // a multi-threaded object's method not advertised Queued. A transport then runs a call that
+  // arrives on a socket on the thread that read it.
+  virtual bool runsOnAnyThread(unsigned int uid) const;
 
   // Resolves the overload of `name` for `args` (see MetaObject::resolve), then calls it.
   Future<AnyValue> metaCall(const std::string& name, const AnyReferenceVector& args,

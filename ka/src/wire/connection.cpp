@@ -3,6 +3,7 @@
 #include <ka/log.hpp>
 #include <ka/session.hpp>
 
+#include "wire/io_threads.hpp"
 #include "wire/remote_object.hpp"
 
 #include <boost/make_shared.hpp>
@@ -435,8 +436,22 @@ void Connection::onCall(const Frame& frame) {
     }
     ++_running;
   }
-  // Queued: the method runs on the event loop, never on this transport thread. The call
-  // copies its arguments before returning.
+  const std::weak_ptr<Connection> weak = weak_from_this();
+  const std::uint64_t requestId = frame.requestId;
+  // A method that may run on any thread runs on this one, right after the frames of this read:
+  // no other thread is woken, and should it block, the thread hands the reading on first (see
+  // IoThreads). Anything else is queued as a local caller's queued call would be.
+  // (An in-process channel delivers on the event loop, whose order the queued call keeps.)
+  if (IoThreads::inHandler() && target->runsOnAnyThread(call.method)) {
+    IoThreads::Task task = [weak, requestId, target, call = std::move(call)]() mutable {
+      if (const auto self = weak.lock()) {
+        self->serveCall(requestId, target, call);
+      }
+    };
+    (void)IoThreads::runAfterHandler(task);
+    return;
+  }
+  // The call copies its arguments before returning.
   const AnyReferenceVector args(call.args.begin(), call.args.end());
   Future<AnyValue> result;
   try {
@@ -444,8 +459,29 @@ void Connection::onCall(const Frame& frame) {
   } catch (const std::exception& e) {
     result = makeFutureError<AnyValue>(e.what());
   }
+  (void)result.then([weak, requestId](Future<AnyValue> done) {
+    if (const auto self = weak.lock()) {
+      self->reply(requestId, done);
+      self->callDone();
+    }
+  });
+}
+
+void Connection::serveCall(std::uint64_t requestId, const AnyObject& target, CallMessage& call) {
+  const AnyReferenceVector args(call.args.begin(), call.args.end());
+  Future<AnyValue> result;
+  try {
+    result = target->metaCall(call.method, args, MetaCallType::Direct);
+  } catch (const std::exception& e) {
+    result = makeFutureError<AnyValue>(e.what());
+  }
+  if (result.isFinished()) {
+    reply(requestId, result);
+    callDone();
+    return;
+  }
+  // Answered with a future still running: the reply goes out when it ends.
   const std::weak_ptr<Connection> weak = weak_from_this();
-  const std::uint64_t requestId = frame.requestId;
   (void)result.then([weak, requestId](Future<AnyValue> done) {
     if (const auto self = weak.lock()) {
       self->reply(requestId, done);

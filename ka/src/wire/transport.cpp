@@ -1,8 +1,10 @@
 #include "wire/transport.hpp"
 
+#include "wire/io_threads.hpp"
 #include "wire/socket_channel.hpp"
 #include "wire/url.hpp"
 
+#include <ka/detail/blocking_scope.hpp>
 #include <ka/log.hpp>
 
 #include <boost/asio/connect.hpp>
@@ -107,9 +109,9 @@ class Listener {
 // Shared by the Transport and its thread, so that the thread can finish the shutdown on its own
 // when the transport is destroyed by one of its handlers.
 struct Transport::Impl {
-  asio::io_context io{1};  // one thread runs it: handlers never run concurrently
-  asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};
-  std::thread thread;  // runs io; joined by ~Transport, or detached when that runs on it
+  // One thread at a time runs io's handlers (the reader role): they never run concurrently.
+  const std::shared_ptr<IoThreads> threads = std::make_shared<IoThreads>("ka-transport");
+  asio::io_context& io = threads->io();
 
   std::mutex mutex;
   // Guarded by mutex.
@@ -151,7 +153,7 @@ struct Transport::Impl {
         channel->closeOnIoThread("transport shut down");
       }
     }
-    work.reset();
+    threads->releaseWork();
     io.stop();
   }
 
@@ -168,20 +170,6 @@ struct Transport::Impl {
         channel->release();
       }
     }
-  }
-
-  void run() {
-    for (;;) {
-      try {
-        io.run();
-        break;
-      } catch (const std::exception& e) {
-        KA_LOG_ERROR(kCategory) << "I/O handler threw: " << e.what();
-      } catch (...) {
-        KA_LOG_ERROR(kCategory) << "I/O handler threw an unknown exception";
-      }
-    }
-    releaseChannels();
   }
 };
 
@@ -445,21 +433,16 @@ bool unixSocketAnswers(const std::string& path, const std::string& url) {
 }  // namespace
 
 Transport::Transport() : impl_(std::make_shared<Impl>()) {
-  impl_->thread = std::thread([impl = impl_] {
-    ::pthread_setname_np(::pthread_self(), "ka-transport");  // for debuggers and top
-    impl->run();
-  });
+  // The last holder of the reader role detaches the channels once no handler runs any more; its
+  // reference keeps the state alive when the transport is destroyed by one of its own threads.
+  impl_->threads->start([impl = impl_] { impl->releaseChannels(); });
 }
 
 Transport::~Transport() {
   asio::post(impl_->io, [impl = impl_.get()] { impl->closeEverything(); });
-  if (impl_->thread.get_id() == std::this_thread::get_id()) {
-    // Called from one of our handlers: the thread cannot join itself. It finishes the
-    // shutdown once the handler returns, and its own reference keeps the state alive.
-    impl_->thread.detach();
-  } else {
-    impl_->thread.join();
-  }
+  // From one of the transport's threads this returns at once: the holder of the role finishes
+  // the shutdown once its handler or call returns.
+  impl_->threads->join();
 }
 
 std::vector<std::string> Transport::listen(const std::string& url, const TransportOptions& options,
@@ -607,6 +590,8 @@ void Transport::stopListening() {
     closed.set_value();
   });
   // The I/O thread runs until the transport is destroyed, which must not race with this call.
+  // A served call may get here on a transport thread: it hands the reader role over first.
+  detail::BlockingScope blocking;
   done.wait();
 }
 
@@ -621,6 +606,7 @@ ChannelPtr Transport::connect(const std::string& url, const TransportOptions& op
   auto attempt = std::make_shared<ConnectAttempt>(*impl_, std::move(parsed), options);
   std::future<ConnectAttempt::Outcome> result = attempt->result();
   asio::post(impl_->io, [attempt = std::move(attempt)] { attempt->start(); });
+  detail::BlockingScope blocking;  // see stopListening
   if (result.wait_for(options.handshakeTimeout + kConnectGrace) != std::future_status::ready) {
     throw TransportError("cannot connect to " + url + ": the transport's I/O thread is busy");
   }

@@ -6,6 +6,7 @@
 
 #include <ka/api.hpp>
 
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -36,6 +37,25 @@ class KA_API BlockingScope {
   bool outermost_;
   SerialGate* enter_ = nullptr;                         // taken when the scope ends
   std::vector<std::pair<SerialGate*, int>> suspended_;  // gates given up for the block
+};
+
+// A thread that must not block while it holds something others need (a transport thread that
+// runs a served call while it is the one reading the sockets) installs a hook for as long as it
+// holds it: the first BlockingScope entered on the thread then runs the hook, once, before it
+// blocks, so the hook can hand that thing to another thread. The hook returns an empty string,
+// or why the wait is refused, which the scope throws as std::runtime_error. Not nestable: a
+// scope replaces the thread's hook and puts the previous one back when it ends.
+class KA_API BlockingHookScope {
+ public:
+  using Hook = std::string (*)(void* context);
+  BlockingHookScope(Hook hook, void* context) noexcept;
+  ~BlockingHookScope();
+  BlockingHookScope(const BlockingHookScope&) = delete;
+  BlockingHookScope& operator=(const BlockingHookScope&) = delete;
+
+ private:
+  Hook previousHook_;
+  void* previousContext_;
 };
 
 }  // namespace detail
