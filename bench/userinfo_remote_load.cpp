@@ -11,10 +11,12 @@
 //     The size of a get request and of its reply on the wire, counted by a relay between a
 //     client and the daemon: result frame.request / frame.reply (bytes per call).
 //   userinfo_remote_load run --url URL --users N --request B --reply B [--seconds S]
-//                            [--prefix P]
+//                            [--prefix P] [--server-pid PID] [--only CASE.T]
 //     For 1 and then 8 clients: ping-pong, get(id, "birthyear"), _set(id, "birthyear", int) on
 //     users 1..N: P.pingpong.T.*, P.get.T.*, P.set.T.* (T: 1 or 8); with 8, one _set in ten
-//     gets: P.mix.8.*.
+//     gets: P.mix.8.*. With --server-pid, the daemon's CPU time (user + system, all its threads)
+//     per call over each case of calls, in microseconds: P.cpu.get.T, P.cpu.set.T, P.cpu.mix.8.
+//     --only runs that one case, e.g. --only set.8.
 //   userinfo_remote_load read --url URL --users N --calls C
 //     C gets of scattered users, to bring part of a large store into the daemon's memory.
 
@@ -30,8 +32,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
 #include <map>
 #include <memory>
+#include <numeric>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -207,36 +212,89 @@ int frames(const std::string& url) {
   return 0;
 }
 
+// The CPU time (user + system, every thread) process `pid` has used so far, in microseconds.
+double cpuUs(long pid) {
+  const std::string path = "/proc/" + std::to_string(pid) + "/stat";
+  std::ifstream in(path);
+  std::string line;
+  if (!std::getline(in, line) || line.rfind(')') == std::string::npos) {
+    throw std::runtime_error("cannot read " + path);
+  }
+  // The command name, in parentheses, may hold spaces: count the fields after it, from field 3;
+  // utime and stime are fields 14 and 15, in clock ticks.
+  std::istringstream fields(line.substr(line.rfind(')') + 1));
+  std::string skipped;
+  for (int field = 3; field < 14; ++field) {
+    fields >> skipped;
+  }
+  unsigned long long user = 0;
+  unsigned long long system = 0;
+  if (!(fields >> user >> system)) {
+    throw std::runtime_error("no CPU times in " + path);
+  }
+  return static_cast<double>(user + system) * 1e6 / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
 int run(const std::string& url, int users, std::size_t request, std::size_t reply, double seconds,
-        const std::string& prefix) {
+        const std::string& prefix, long serverPid, const std::string& only) {
   const bool tcp = url.compare(0, 6, "tcp://") == 0;
   const Budget budget{0, seconds};
   for (const int threads : {1, 8}) {
     const std::string suffix = "." + std::to_string(threads);
-    report(prefix + ".pingpong" + suffix, bench::pingPong(tcp, threads, budget, request, reply));
+    const auto wanted = [&](const std::string& name) {
+      return only.empty() || only == name + suffix;
+    };
+    if (!only.empty() && !wanted("pingpong") && !wanted("get") && !wanted("set") &&
+        !wanted("mix")) {
+      continue;
+    }
+    // Times one case of calls; with a server pid, also the server's CPU time per call made over
+    // it, warm-up calls included on both sides of the division.
+    const auto measure = [&](const std::string& name, auto&& roundTrip) {
+      std::vector<long> made(static_cast<std::size_t>(threads), 0);
+      const double before = serverPid > 0 ? cpuUs(serverPid) : 0;
+      report(prefix + "." + name + suffix, bench::measure(threads, budget, [&](int t) {
+               roundTrip(t);
+               ++made[static_cast<std::size_t>(t)];
+             }));
+      if (serverPid > 0) {
+        const double used = cpuUs(serverPid) - before;
+        const long calls = std::accumulate(made.begin(), made.end(), 0L);
+        std::printf("result %s.cpu.%s%s %.3f\n", prefix.c_str(), name.c_str(), suffix.c_str(),
+                    used / static_cast<double>(calls));
+        std::fflush(stdout);
+      }
+    };
+    if (wanted("pingpong")) {
+      report(prefix + ".pingpong" + suffix, bench::pingPong(tcp, threads, budget, request, reply));
+    }
     auto list = clients(url, threads);
     std::vector<bench::UserPicker> pickers;
     for (int t = 0; t < threads; ++t) {
       pickers.emplace_back(users, 1, 42 + static_cast<std::uint64_t>(t));
     }
-    report(prefix + ".get" + suffix, bench::measure(threads, budget, [&](int t) {
-             list[static_cast<std::size_t>(t)]->get(pickers[static_cast<std::size_t>(t)].next());
-           }));
+    if (wanted("get")) {
+      measure("get", [&](int t) {
+        list[static_cast<std::size_t>(t)]->get(pickers[static_cast<std::size_t>(t)].next());
+      });
+    }
     std::vector<int> years(static_cast<std::size_t>(threads), 0);
-    report(prefix + ".set" + suffix, bench::measure(threads, budget, [&](int t) {
-             const auto i = static_cast<std::size_t>(t);
-             list[i]->set(pickers[i].next(), 1940 + years[i]++ % 70);
-           }));
-    if (threads == 8) {
+    if (wanted("set")) {
+      measure("set", [&](int t) {
+        const auto i = static_cast<std::size_t>(t);
+        list[i]->set(pickers[i].next(), 1940 + years[i]++ % 70);
+      });
+    }
+    if (threads == 8 && wanted("mix")) {
       // What a device mostly does: reads, with a write in ten.
-      report(prefix + ".mix" + suffix, bench::measure(threads, budget, [&](int t) {
-               const auto i = static_cast<std::size_t>(t);
-               if (years[i]++ % 10 == 0) {
-                 list[i]->set(pickers[i].next(), 1940 + years[i] % 70);
-               } else {
-                 list[i]->get(pickers[i].next());
-               }
-             }));
+      measure("mix", [&](int t) {
+        const auto i = static_cast<std::size_t>(t);
+        if (years[i]++ % 10 == 0) {
+          list[i]->set(pickers[i].next(), 1940 + years[i] % 70);
+        } else {
+          list[i]->get(pickers[i].next());
+        }
+      });
     }
   }
   return 0;
@@ -256,6 +314,7 @@ int usage() {
                "usage: userinfo_remote_load frames --url unix:///PATH\n"
                "       userinfo_remote_load run --url URL --users N --request B --reply B "
                "[--seconds S] [--prefix P]\n"
+               "                                [--server-pid PID] [--only CASE.T]\n"
                "       userinfo_remote_load read --url URL --users N --calls C\n");
   return 2;
 }
@@ -284,9 +343,10 @@ int main(int argc, char** argv) {
     }
     if (command == "run" && number("--users") >= 1 && number("--request") >= 1 &&
         number("--reply") >= 1) {
-      return run(
-          url, static_cast<int>(number("--users")), static_cast<std::size_t>(number("--request")),
-          static_cast<std::size_t>(number("--reply")), number("--seconds"), options["--prefix"]);
+      return run(url, static_cast<int>(number("--users")),
+                 static_cast<std::size_t>(number("--request")),
+                 static_cast<std::size_t>(number("--reply")), number("--seconds"),
+                 options["--prefix"], static_cast<long>(number("--server-pid")), options["--only"]);
     }
     if (command == "read" && number("--users") >= 1) {
       return readUsers(url, static_cast<int>(number("--users")),
