@@ -3,6 +3,7 @@
 
 #include "test_util.hpp"
 
+#include <ka/eventloop.hpp>
 #include <ka/objecttypebuilder.hpp>
 
 #include <gmock/gmock.h>
@@ -484,6 +485,55 @@ TEST(RemoteCallThreads,
   EXPECT_TRUE(contains(chained.value(kWaitMs), "Connection lost to"));
   ASSERT_EQ(ranOn.waitFor(1).size(), 1u);
   EXPECT_NE(ranOn.now().front(), "ka-transport");
+}
+
+// Served calls run on the thread that read them; one that blocks hands the reading over, so the
+// calls behind it on the same connection, on another connection, and calls back into the caller
+// are all served meanwhile.
+TEST(SocketServedCalls, ACallThatBlocksLetsEveryOtherCallThrough) {
+  ka::SessionPtr server = ka::makeSession();
+  ka::SessionPtr client = ka::makeSession();
+  ka::SessionPtr other = ka::makeSession();
+  auto release = std::make_shared<ka::Promise<int>>();
+  auto entered = std::make_shared<Recorder<int>>();
+  ka::DynamicObjectBuilder b;
+  b.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  b.advertiseMethod("block", [release, entered] {
+    entered->add(1);
+    return release->future().value(kWaitMs);  // a blocking wait, not an answer by future
+  });
+  b.advertiseMethod("echo", [](int n) { return n; });
+  b.advertiseMethod(
+      "onLoop", [] { return ka::defaultEventLoop().isInLoopThread(); }, ka::MetaCallType::Queued);
+  // Ping-pong between the two processes' objects, `n` levels deep, each level a blocking call.
+  b.advertiseMethod("bounce", [server](int n) {
+    return n == 0 ? 0 : server->service("Back").value(kWaitMs)->call<int>("bounce", n - 1) + 1;
+  });
+  server->listen(socketUrl()).value(kWaitMs);
+  server->registerService("Calls", b.object()).value(kWaitMs);
+  client->connect(server->endpoints().front()).value(kWaitMs);
+  other->connect(server->endpoints().front()).value(kWaitMs);
+  ka::DynamicObjectBuilder back;
+  back.setThreadingModel(ka::ObjectThreadingModel::MultiThread);
+  back.advertiseMethod("bounce", [client](int n) {
+    return n == 0 ? 0 : client->service("Calls").value(kWaitMs)->call<int>("bounce", n - 1) + 1;
+  });
+  client->registerService("Back", back.object()).value(kWaitMs);
+  const ka::AnyObject calls = client->service("Calls").value(kWaitMs);
+
+  const ka::Future<int> blocked = calls->async<int>("block");
+  ASSERT_EQ(entered->waitFor(1).size(), 1u);
+  EXPECT_EQ(calls->async<int>("echo", 5).value(kWaitMs), 5);
+  EXPECT_EQ(other->service("Calls").value(kWaitMs)->async<int>("echo", 6).value(kWaitMs), 6);
+  EXPECT_EQ(calls->async<int>("bounce", 6).value(kWaitMs), 6);
+  EXPECT_TRUE(calls->async<bool>("onLoop").value(kWaitMs));
+  EXPECT_FALSE(blocked.isFinished());
+  release->setValue(7);
+  EXPECT_EQ(blocked.value(kWaitMs), 7);
+
+  other->close();
+  client->close();
+  server->close();
 }
 
 }  // namespace

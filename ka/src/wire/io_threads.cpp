@@ -34,7 +34,7 @@ struct IoThreads::Holder {
 
 namespace {
 thread_local IoThreads::Holder* tlsHandlerHolder = nullptr;  // set while running a handler
-thread_local const IoThreads* tlsOwner = nullptr;             // the IoThreads of this thread
+thread_local const IoThreads* tlsOwner = nullptr;            // the IoThreads of this thread
 }  // namespace
 
 IoThreads::IoThreads(std::string name)

@@ -53,7 +53,7 @@ class IoThreads : public std::enable_shared_from_this<IoThreads> {
   // Whether runAfterHandler would take a task now.
   static bool inHandler();
 
- // The role as one thread holds it (internal).
+  // The role as one thread holds it (internal).
   struct Holder;
 
  private:
@@ -72,11 +72,11 @@ class IoThreads : public std::enable_shared_from_this<IoThreads> {
   std::condition_variable changed_;
   // Guarded by mutex_:
   std::function<void()> afterStop_;
-  bool roleFree_ = true;  // no thread holds the role: the next idle thread takes it
-  bool stopped_ = false;  // the io_context stopped and afterStop ran: threads leave
-  int live_ = 0;          // threads started and not ended
-  int idle_ = 0;          // threads waiting for the role
-  int inTask_ = 0;        // threads running a call after giving up the role
+  bool roleFree_ = true;         // no thread holds the role: the next idle thread takes it
+  bool stopped_ = false;         // the io_context stopped and afterStop ran: threads leave
+  int live_ = 0;                 // threads started and not ended
+  int idle_ = 0;                 // threads waiting for the role
+  int inTask_ = 0;               // threads running a call after giving up the role
   std::deque<Task> handedOver_;  // calls a blocked holder left for the next one
 };
 
