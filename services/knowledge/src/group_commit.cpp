@@ -42,12 +42,17 @@ void GroupCommit::lead() {
     group.swap(pending_);
   }
   commitGroup_(group);
+  std::unique_lock lock(mutex_);
   // Signalled under the mutex: a follower that sees its write done returns and destroys it as
   // soon as the mutex is free.
-  std::lock_guard lock(mutex_);
   for (Write* write : group) {
     write->state = Write::State::Done;
     write->changed.notify_one();
+  }
+  if (afterGroup_) {
+    lock.unlock();
+    afterGroup_();  // still leading: no other group runs meanwhile
+    lock.lock();
   }
   if (pending_.empty()) {
     leading_ = false;

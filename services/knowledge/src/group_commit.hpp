@@ -31,7 +31,10 @@ class GroupCommit {
   // is not stored. Must not throw.
   using CommitGroup = std::function<void(const Group&)>;
 
-  explicit GroupCommit(CommitGroup commitGroup) : commitGroup_(std::move(commitGroup)) {}
+  // `afterGroup`, if any, runs on the leader once the callers of its group are woken and before
+  // the next group starts, e.g. for upkeep they need not wait for.
+  explicit GroupCommit(CommitGroup commitGroup, std::function<void()> afterGroup = {})
+      : commitGroup_(std::move(commitGroup)), afterGroup_(std::move(afterGroup)) {}
 
   // Returns when the group holding `write` is committed (or failed): the caller then reads its
   // failure. The first caller to find no leader leads: it commits every write queued so far, its
@@ -45,6 +48,7 @@ class GroupCommit {
   void lead();
 
   const CommitGroup commitGroup_;
+  const std::function<void()> afterGroup_;
   std::mutex mutex_;      // guards pending_, leading_ and the state of every queued Write
   Group pending_;         // arrived since the committing group was taken, in arrival order
   bool leading_ = false;  // a thread leads: commits a group, or is woken to

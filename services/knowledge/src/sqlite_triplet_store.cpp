@@ -231,7 +231,11 @@ class SqliteTripletStore::Impl {
   mutable std::mutex writerMutex;
   std::unique_ptr<detail::WriterConnection> writer;
   detail::GroupCommit commits{
-      [this](const detail::GroupCommit::Group& group) { commitGroup(group); }};
+      [this](const detail::GroupCommit::Group& group) { commitGroup(group); },
+      [this] {
+        std::lock_guard lock(writerMutex);
+        writer->checkpointIfDue();
+      }};
   // Declared after the writer so that the read connections close first and the writer, closing
   // last, checkpoints the WAL into the database file.
   std::unique_ptr<detail::ReaderPool> readers;

@@ -447,6 +447,20 @@ TEST_F(GroupedWrites, ConcurrentUpdatesOfOneKeyLeaveOneObjectTheLastOfAThread) {
   }
 }
 
+TEST_F(GroupedWrites, CheckpointsKeepTheWalNearAThousandPagesUnderAStreamOfWrites) {
+  TripletStoreOptions options;
+  options.durability = Durability::Normal;
+  SqliteTripletStore store(path, options);
+  // Unchecked, these commits grow the WAL past 5,000 pages.
+  onThreads(4, [&](int thread) {
+    for (int i = 0; i < 500; ++i) {
+      store.update("d", std::to_string(thread) + "/" + std::to_string(i), "p", "v");
+    }
+  });
+  const auto page = SQLite::Database(path).execAndGet("PRAGMA page_size").getInt64() + 24;
+  EXPECT_LT(fs::file_size(path + "-wal"), 1500u * static_cast<std::uintmax_t>(page));
+}
+
 using QueryPlans = FileStore;
 
 TEST_F(QueryPlans, EveryStatementWithAFixedPositionSearchesThroughItsMostSelectiveIndex) {
