@@ -266,6 +266,23 @@ void BM_Update(benchmark::State& state) {
                  (durability == Durability::Full ? "/Full" : "/Normal"));
 }
 
+// Updates from several threads at once, each on keys of its own (rows of its residue class), on
+// the store directly: how much concurrent writers gain from sharing commits.
+void BM_ConcurrentUpdate(benchmark::State& state) {
+  const auto durability = state.range(1) == 0 ? Durability::Full : Durability::Normal;
+  TripletStore& store = storeFor(state, durability);
+  const std::int64_t threads = state.threads();
+  const std::int64_t rows = state.range(0) / threads * threads;
+  RowPicker picker(rows / threads);
+  std::int64_t version = 0;
+  for (auto _ : state) {
+    const Triplet t = tripletAt(picker.next() * threads + state.thread_index());
+    store.update(t.domain, t.subject, t.predicate, t.object + "#" + std::to_string(++version));
+  }
+  state.SetItemsProcessed(state.iterations());
+  state.SetLabel(durability == Durability::Full ? "Full" : "Normal");
+}
+
 // Write cost of the table and its indexes: 1000 new triplets per transaction.
 void BM_AddManyThousand(benchmark::State& state) {
   // Rows past the loaded ones, never the same twice across runs: a duplicate would cost nothing.
@@ -303,6 +320,12 @@ BENCHMARK(BM_QueryTripletBySubject)->Apply(sizesAndPaths);
 BENCHMARK(BM_Update)
     ->ArgsProduct({{10000, 1000000}, {0, 1}, {0, 1}})
     ->ArgNames({"rows", "session", "normal"})
+    ->UseRealTime();
+BENCHMARK(BM_ConcurrentUpdate)
+    ->ArgsProduct({{10000}, {0, 1}})
+    ->ArgNames({"rows", "normal"})
+    ->Threads(1)
+    ->Threads(8)
     ->UseRealTime();
 BENCHMARK(BM_AddManyThousand)->Apply(sizes);
 

@@ -41,6 +41,15 @@ SQLite::Database openWriter(const std::string& path, const TripletStoreOptions& 
   return db;
 }
 
+// SQLite's default threshold for its automatic checkpoint.
+constexpr int kCheckpointPages = 1000;
+
+// Called by SQLite after every commit of the writer with the pages now in the WAL.
+int onWalCommit(void* writer, sqlite3*, const char*, int pages) noexcept {
+  static_cast<WriterConnection*>(writer)->walPages = pages;
+  return SQLITE_OK;
+}
+
 SQLite::Database openReader(const std::string& path, const TripletStoreOptions& options) {
   SQLite::Database db(path, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX);
   configure(db, options);
@@ -54,7 +63,20 @@ WriterConnection::WriterConnection(const std::string& path, const TripletStoreOp
     : db(openWriter(path, options, inMemory)), writes(db) {
   if (inMemory) {
     reads.emplace(db);
+  } else {
+    // Replaces SQLite's automatic checkpoint: see checkpointIfDue().
+    sqlite3_wal_hook(db.getHandle(), &onWalCommit, this);
   }
+}
+
+void WriterConnection::checkpointIfDue() {
+  if (walPages < kCheckpointPages) {
+    return;
+  }
+  walPages = 0;
+  // A failure is left for later, as with the automatic checkpoint: the next commit over the
+  // threshold tries again (a WAL that readers kept from being copied whole is still over it).
+  sqlite3_wal_checkpoint_v2(db.getHandle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
 
 ReaderConnection::ReaderConnection(const std::string& path, const TripletStoreOptions& options)

@@ -18,10 +18,17 @@ namespace QV::detail {
 struct WriterConnection {
   WriterConnection(const std::string& path, const TripletStoreOptions& options, bool inMemory);
 
+  // Copies the WAL into the database file once it holds about as many pages as SQLite's own
+  // automatic checkpoint would wait for, and as that one passively: it neither waits for nor
+  // disturbs readers. The automatic one ran inside COMMIT, making every caller of a group wait
+  // for its fsyncs; this one runs between groups.
+  void checkpointIfDue();
+
   SqliteConfigured configured;  // before db: the process-wide settings precede the first open
   SQLite::Database db;
   WriteStatements writes;
   std::optional<ReadStatements> reads;  // in memory only
+  int walPages = 0;                     // in the WAL after this connection's last commit
 };
 
 // A read-only connection; WAL gives each of its statements a consistent snapshot.

@@ -2,15 +2,16 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <numeric>
 #include <utility>
 
-#include <SQLiteCpp/Transaction.h>
 #include <sqlite3.h>
 
 #include "connections.hpp"
+#include "group_commit.hpp"
 #include "prepared_statements.hpp"
 #include "reader_pool.hpp"
 #include "statement_sql.hpp"
@@ -135,21 +136,73 @@ class SqliteTripletStore::Impl {
     }
   }
 
-  // Runs `body` in one immediate transaction on the writer: it commits entirely or not at all.
+  // Runs `body` on the writer in a transaction that it may share with writes arriving at the same
+  // time from other threads; returns once that transaction committed, or throws if `body` failed
+  // (its changes undone, the others' kept) or the transaction did.
   template <class Body>
   void write(const char* operation, Body&& body) {
+    detail::GroupCommit::Write write{operation, [&] { body(writer->writes); }};
+    commits.submit(write);
+    if (write.failure) {
+      std::rethrow_exception(write.failure);
+    }
+  }
+
+  // Commits a group in one immediate transaction: one fsync for all under Durability::Full. In a
+  // group of several, each write runs in a savepoint of its own so that it fails alone.
+  void commitGroup(const detail::GroupCommit::Group& group) noexcept {
     std::lock_guard lock(writerMutex);
     try {
-      SQLite::Transaction transaction(writer->db, SQLite::TransactionBehavior::IMMEDIATE);
-      body(writer->writes);
-      transaction.commit();
-    } catch (const SQLite::Exception& error) {
-      // A failed ROLLBACK in the transaction's destructor would leave the connection inside a
-      // transaction and every later write failing; make sure it is out of it.
+      writer->db.exec("BEGIN IMMEDIATE");
+      for (detail::GroupCommit::Write* write : group) {
+        if (group.size() == 1) {
+          write->body();
+        } else {
+          runAlone(*write);
+        }
+      }
+      writer->db.exec("COMMIT");
+    } catch (...) {
+      // A failed ROLLBACK would leave the connection inside a transaction and every later write
+      // failing; make sure it is out of it.
       if (sqlite3_get_autocommit(writer->db.getHandle()) == 0) {
         writer->db.tryExec("ROLLBACK");
       }
-      throw detail::callFailed(path, operation, error);
+      // Nothing of the group is stored: every write not already failed alone fails with this.
+      for (detail::GroupCommit::Write* write : group) {
+        if (!write->failure) {
+          write->failure = groupFailure(write->operation);
+        }
+      }
+    }
+  }
+
+  // Runs one write of a group between SAVEPOINT and RELEASE; when it fails, rolls back to the
+  // savepoint and records its error. Throws when the transaction itself is lost.
+  void runAlone(detail::GroupCommit::Write& write) {
+    writer->db.exec("SAVEPOINT write");
+    try {
+      write.body();
+    } catch (const SQLite::Exception& error) {
+      // Some errors (a full disk, an I/O error) make SQLite roll back the whole transaction, and
+      // the savepoint with it: the group fails.
+      if (sqlite3_get_autocommit(writer->db.getHandle()) != 0) {
+        throw;
+      }
+      writer->db.exec("ROLLBACK TO write");
+      write.failure = std::make_exception_ptr(detail::callFailed(path, write.operation, error));
+    }
+    writer->db.exec("RELEASE write");
+  }
+
+  // The error of a write whose group failed, from the exception being handled.
+  std::exception_ptr groupFailure(const char* operation) const {
+    try {
+      throw;
+    } catch (const SQLite::Exception& error) {
+      return std::make_exception_ptr(detail::callFailed(path, operation, error));
+    } catch (...) {
+      return std::current_exception();
     }
   }
 
@@ -173,9 +226,16 @@ class SqliteTripletStore::Impl {
 
   const std::string path;
   const bool inMemory;
-  // Serialises writes (and, in memory, every call); guards writer and its statements.
+  // Held by the leader committing a group (and, in memory, by every call); guards writer and its
+  // statements.
   mutable std::mutex writerMutex;
   std::unique_ptr<detail::WriterConnection> writer;
+  detail::GroupCommit commits{
+      [this](const detail::GroupCommit::Group& group) { commitGroup(group); },
+      [this] {
+        std::lock_guard lock(writerMutex);
+        writer->checkpointIfDue();
+      }};
   // Declared after the writer so that the read connections close first and the writer, closing
   // last, checkpoints the WAL into the database file.
   std::unique_ptr<detail::ReaderPool> readers;

@@ -1,5 +1,6 @@
 // Behaviour of QV::TripletStore: the semantics of each call, byte exactness, durability,
-// concurrent reads and the query plans. Opening and refusing files: store_open_test.
+// concurrent reads, writes from many threads and the query plans. Opening and refusing files:
+// store_open_test.
 
 #include "qvknowledge/sqlite_triplet_store.hpp"
 
@@ -343,6 +344,121 @@ TEST_F(ConcurrentReads, NeverSeeAHalfDoneUpdateOnAFileOrInMemory) {
     EXPECT_EQ(torn.load(), 0);
     EXPECT_EQ(store.getObject("d", "counter", "value"), Objects{"300"});
   }
+}
+
+// Writes arriving together from many threads share commits; each call still returns only once
+// its own write is stored, or fails alone.
+using GroupedWrites = FileStore;
+
+// Runs `body(thread)` on `threads` threads at once; fails the test if one hangs.
+void onThreads(int threads, const std::function<void(int)>& body) {
+  std::vector<std::future<void>> running;
+  for (int thread = 0; thread < threads; ++thread) {
+    running.push_back(std::async(std::launch::async, body, thread));
+  }
+  for (auto& done : running) {
+    ASSERT_EQ(done.wait_for(kHangLimit), std::future_status::ready) << "a writer hung";
+    done.get();
+  }
+}
+
+TEST_F(GroupedWrites, EveryWriteIsVisibleToAnotherConnectionWhenItsCallReturns) {
+  constexpr int kThreads = 8, kWrites = 200;
+  SqliteTripletStore store(path);
+  std::atomic<int> unseen{0};
+  onThreads(kThreads, [&](int thread) {
+    SQLite::Database other(path, SQLite::OPEN_READONLY);
+    SQLite::Statement read(other, "SELECT count(*) FROM triplets WHERE subject = ? AND object = ?");
+    for (int i = 0; i < kWrites; ++i) {
+      const std::string subject = std::to_string(thread) + "/" + std::to_string(i);
+      store.update("d", subject, "p", "v");
+      read.bindNoCopy(1, subject.data(), static_cast<int>(subject.size()));
+      read.bindNoCopy(2, "v", 1);
+      unseen += read.executeStep() && read.getColumn(0).getInt() == 1 ? 0 : 1;
+      read.reset();
+    }
+  });
+  EXPECT_EQ(unseen.load(), 0);
+  EXPECT_EQ(all(SqliteTripletStore(path)).size(), std::size_t{kThreads * kWrites});
+}
+
+TEST_F(GroupedWrites, AFailingWriteFailsAloneWithItsOwnErrorAndLeavesNothingOfItself) {
+  SqliteTripletStore store(path);
+  store.update("d", "kept", "p", "before");
+  // Another connection makes the file refuse one object: a write storing it fails in SQLite.
+  SQLite::Database(path, SQLite::OPEN_READWRITE)
+      .exec(
+          "CREATE TRIGGER refuse BEFORE INSERT ON triplets WHEN NEW.object = CAST('bad' AS BLOB) "
+          "BEGIN SELECT RAISE(ABORT, 'refused'); END");
+  const std::string failed = "knowledge store '" + path + "': ";
+  struct Case {
+    std::function<void(TripletStore&, const std::string&)> write;
+    std::string error;  // empty when the write commits
+  };
+  const Case cases[] = {
+      {[](TripletStore& s, const std::string& k) { s.add("d", k, "p", "ok"); }, ""},
+      {[](TripletStore& s, const std::string& k) { s.add("d", k, "p", "bad"); },
+       failed + "add failed: refused"},
+      // The failed update's delete is undone with it: the key keeps its object.
+      {[](TripletStore& s, const std::string&) { s.update("d", "kept", "p", "bad"); },
+       failed + "update failed: refused"},
+      {[](TripletStore& s, const std::string& k) { s.update("d", k, "q", "ok"); }, ""},
+      {[](TripletStore& s, const std::string& k) {
+         s.addMany({{"d", k, "m", "ok"}, {"d", k, "m", "bad"}, {"d", k, "n", "ok"}});
+       },
+       failed + "addMany failed: refused"},
+      {[](TripletStore& s, const std::string& k) { s.remove("d", k, "?", "?"); }, ""},
+  };
+  constexpr int kThreads = 8, kRounds = 20;
+  std::atomic<int> wrong{0};
+  onThreads(kThreads, [&](int thread) {
+    for (int round = 0; round < kRounds; ++round) {
+      const std::string key = std::to_string(thread) + "/" + std::to_string(round);
+      for (const Case& c : cases) {
+        std::string error;
+        try {
+          c.write(store, key);
+        } catch (const QV::KnowledgeStoreError& e) {
+          error = e.what();
+        }
+        wrong += error == c.error ? 0 : 1;
+      }
+      // What the successful writes left, before the final remove.
+      wrong += store.queryTriplet("d", key, "*", "*").empty() ? 0 : 1;
+    }
+  });
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_EQ(all(store), (Rows{{"d", "kept", "p", "before"}}));
+}
+
+TEST_F(GroupedWrites, ConcurrentUpdatesOfOneKeyLeaveOneObjectTheLastOfAThread) {
+  constexpr int kThreads = 8, kWrites = 100;
+  for (const std::string& where : {path, std::string(":memory:")}) {
+    SCOPED_TRACE(where);
+    SqliteTripletStore store(where);
+    onThreads(kThreads, [&](int thread) {
+      for (int i = 1; i <= kWrites; ++i) {
+        store.update("d", "shared", "p", std::to_string(thread) + "/" + std::to_string(i));
+      }
+    });
+    const Objects left = store.getObject("d", "shared", "p");
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_THAT(left[0], ::testing::EndsWith("/" + std::to_string(kWrites)));
+  }
+}
+
+TEST_F(GroupedWrites, CheckpointsKeepTheWalNearAThousandPagesUnderAStreamOfWrites) {
+  TripletStoreOptions options;
+  options.durability = Durability::Normal;
+  SqliteTripletStore store(path, options);
+  // Unchecked, these commits grow the WAL past 5,000 pages.
+  onThreads(4, [&](int thread) {
+    for (int i = 0; i < 500; ++i) {
+      store.update("d", std::to_string(thread) + "/" + std::to_string(i), "p", "v");
+    }
+  });
+  const auto page = SQLite::Database(path).execAndGet("PRAGMA page_size").getInt64() + 24;
+  EXPECT_LT(fs::file_size(path + "-wal"), 1500u * static_cast<std::uintmax_t>(page));
 }
 
 using QueryPlans = FileStore;
