@@ -20,16 +20,25 @@ void GroupCommit::submit(Write& write) {
   }
 }
 
-bool GroupCommit::follow(Write& write) {
-  // The wait ends with a leader's commit, which needs no worker of the event loop: when the loop
-  // refuses to count one more blocked worker the write waits all the same, as it would for a
-  // mutex, rather than fail. The scope starts and ends outside mutex_: taking back the objects it
-  // gave up may wait for other threads.
-  std::optional<ka::detail::BlockingScope> blocking;
+namespace {
+
+// The wait ends with a commit, which needs no worker of the event loop: when the loop refuses to
+// count one more blocked worker the write waits all the same, as it would for a mutex, rather
+// than fail.
+void announceBlocking(std::optional<ka::detail::BlockingScope>& blocking) {
   try {
     blocking.emplace();
   } catch (const std::runtime_error&) {
   }
+}
+
+}  // namespace
+
+bool GroupCommit::follow(Write& write) {
+  // The scope starts and ends outside mutex_: taking back the objects it gave up may wait for
+  // other threads.
+  std::optional<ka::detail::BlockingScope> blocking;
+  announceBlocking(blocking);
   std::unique_lock lock(mutex_);
   write.changed.wait(lock, [&] { return write.state != Write::State::Queued; });
   return write.state == Write::State::Leads;
@@ -41,7 +50,13 @@ void GroupCommit::lead() {
     std::lock_guard lock(mutex_);
     group.swap(pending_);
   }
-  commitGroup_(group);
+  {
+    std::optional<ka::detail::BlockingScope> blocking;
+    if (commitWaitsOnDisk_) {
+      announceBlocking(blocking);
+    }
+    commitGroup_(group);
+  }
   std::unique_lock lock(mutex_);
   // Signalled under the mutex: a follower that sees its write done returns and destroys it as
   // soon as the mutex is free.

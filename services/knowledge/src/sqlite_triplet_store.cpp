@@ -107,7 +107,9 @@ void execute(SQLite::Statement& statement, const CallValues& values) {
 class SqliteTripletStore::Impl {
  public:
   Impl(std::string storePath, const TripletStoreOptions& options)
-      : path(std::move(storePath)), inMemory(path == kMemoryPath) {
+      : path(std::move(storePath)),
+        inMemory(path == kMemoryPath),
+        commitWaitsOnDisk(!inMemory && options.durability == Durability::Full) {
     if (path.empty()) {
       throw detail::storeError(path, "the path is empty");
     }
@@ -230,12 +232,15 @@ class SqliteTripletStore::Impl {
   // statements.
   mutable std::mutex writerMutex;
   std::unique_ptr<detail::WriterConnection> writer;
+  // Full durability: every commit waits for an fsync.
+  const bool commitWaitsOnDisk;
   detail::GroupCommit commits{
       [this](const detail::GroupCommit::Group& group) { commitGroup(group); },
       [this] {
         std::lock_guard lock(writerMutex);
         writer->checkpointIfDue();
-      }};
+      },
+      commitWaitsOnDisk};
   // Declared after the writer so that the read connections close first and the writer, closing
   // last, checkpoints the WAL into the database file.
   std::unique_ptr<detail::ReaderPool> readers;
