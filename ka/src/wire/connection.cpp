@@ -459,6 +459,11 @@ void Connection::onCall(const Frame& frame) {
   } catch (const std::exception& e) {
     result = makeFutureError<AnyValue>(e.what());
   }
+  replyWhenDone(requestId, result);
+}
+
+void Connection::replyWhenDone(std::uint64_t requestId, const Future<AnyValue>& result) {
+  const std::weak_ptr<Connection> weak = weak_from_this();
   (void)result.then([weak, requestId](Future<AnyValue> done) {
     if (const auto self = weak.lock()) {
       self->reply(requestId, done);
@@ -481,13 +486,7 @@ void Connection::serveCall(std::uint64_t requestId, const AnyObject& target, Cal
     return;
   }
   // Answered with a future still running: the reply goes out when it ends.
-  const std::weak_ptr<Connection> weak = weak_from_this();
-  (void)result.then([weak, requestId](Future<AnyValue> done) {
-    if (const auto self = weak.lock()) {
-      self->reply(requestId, done);
-      self->callDone();
-    }
-  });
+  replyWhenDone(requestId, result);
 }
 
 void Connection::onAnswer(const Frame& frame) {

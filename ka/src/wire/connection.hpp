@@ -137,6 +137,8 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
   void onCall(const Frame& frame);
   // Runs a call of a method that may run on any thread, here, and sends its reply.
   void serveCall(std::uint64_t requestId, const AnyObject& target, CallMessage& call);
+  // Sends the reply of a call of the peer once `result` ends, and counts the call done.
+  void replyWhenDone(std::uint64_t requestId, const Future<AnyValue>& result);
   void onAnswer(const Frame& frame);
   void onConnect(const Frame& frame);
   void onDisconnect(const Frame& frame);
