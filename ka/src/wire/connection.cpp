@@ -436,47 +436,30 @@ void Connection::onCall(const Frame& frame) {
     }
     ++_running;
   }
-  const std::weak_ptr<Connection> weak = weak_from_this();
   const std::uint64_t requestId = frame.requestId;
   // A method that may run on any thread runs on this one, right after the frames of this read:
   // no other thread is woken, and should it block, the thread hands the reading on first (see
   // IoThreads). Anything else is queued as a local caller's queued call would be.
   // (An in-process channel delivers on the event loop, whose order the queued call keeps.)
   if (IoThreads::inHandler() && target->runsOnAnyThread(call.method)) {
-    IoThreads::Task task = [weak, requestId, target, call = std::move(call)]() mutable {
+    IoThreads::Task task = [weak = weak_from_this(), requestId, target, call = std::move(call)] {
       if (const auto self = weak.lock()) {
-        self->serveCall(requestId, target, call);
+        self->serveCall(requestId, target, call, MetaCallType::Direct);
       }
     };
     (void)IoThreads::runAfterHandler(task);
     return;
   }
-  // The call copies its arguments before returning.
+  serveCall(requestId, target, call, MetaCallType::Queued);
+}
+
+void Connection::serveCall(std::uint64_t requestId, const AnyObject& target,
+                           const CallMessage& call, MetaCallType callType) {
+  // A queued call copies its arguments before returning.
   const AnyReferenceVector args(call.args.begin(), call.args.end());
   Future<AnyValue> result;
   try {
-    result = target->metaCall(call.method, args, MetaCallType::Queued);
-  } catch (const std::exception& e) {
-    result = makeFutureError<AnyValue>(e.what());
-  }
-  replyWhenDone(requestId, result);
-}
-
-void Connection::replyWhenDone(std::uint64_t requestId, const Future<AnyValue>& result) {
-  const std::weak_ptr<Connection> weak = weak_from_this();
-  (void)result.then([weak, requestId](Future<AnyValue> done) {
-    if (const auto self = weak.lock()) {
-      self->reply(requestId, done);
-      self->callDone();
-    }
-  });
-}
-
-void Connection::serveCall(std::uint64_t requestId, const AnyObject& target, CallMessage& call) {
-  const AnyReferenceVector args(call.args.begin(), call.args.end());
-  Future<AnyValue> result;
-  try {
-    result = target->metaCall(call.method, args, MetaCallType::Direct);
+    result = target->metaCall(call.method, args, callType);
   } catch (const std::exception& e) {
     result = makeFutureError<AnyValue>(e.what());
   }
@@ -485,8 +468,13 @@ void Connection::serveCall(std::uint64_t requestId, const AnyObject& target, Cal
     callDone();
     return;
   }
-  // Answered with a future still running: the reply goes out when it ends.
-  replyWhenDone(requestId, result);
+  const std::weak_ptr<Connection> weak = weak_from_this();
+  (void)result.then([weak, requestId](Future<AnyValue> done) {
+    if (const auto self = weak.lock()) {
+      self->reply(requestId, done);
+      self->callDone();
+    }
+  });
 }
 
 void Connection::onAnswer(const Frame& frame) {

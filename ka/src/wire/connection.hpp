@@ -135,10 +135,10 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
 
   void onFrame(Frame frame);
   void onCall(const Frame& frame);
-  // Runs a call of a method that may run on any thread, here, and sends its reply.
-  void serveCall(std::uint64_t requestId, const AnyObject& target, CallMessage& call);
-  // Sends the reply of a call of the peer once `result` ends, and counts the call done.
-  void replyWhenDone(std::uint64_t requestId, const Future<AnyValue>& result);
+  // Calls the method as `callType` says and sends the reply once it ends (at once when it ends
+  // on this thread), counting the call done.
+  void serveCall(std::uint64_t requestId, const AnyObject& target, const CallMessage& call,
+                 MetaCallType callType);
   void onAnswer(const Frame& frame);
   void onConnect(const Frame& frame);
   void onDisconnect(const Frame& frame);
