@@ -41,8 +41,12 @@ SQLite::Database openWriter(const std::string& path, const TripletStoreOptions& 
   return db;
 }
 
-// SQLite's default threshold for its automatic checkpoint.
+// SQLite's default threshold for its automatic checkpoint: past it, the checkpointer is asked.
 constexpr int kCheckpointPages = 1000;
+// Under steady writes a checkpoint running beside them never finds the WAL copied whole at the
+// moment a write starts, so the WAL never starts over; past this (16 MiB of 4 KiB pages) the
+// writer checkpoints between two groups itself, after which the next write starts it over.
+constexpr int kWriterCheckpointPages = 4000;
 
 // Called by SQLite after every commit of the writer with the pages now in the WAL.
 int onWalCommit(void* writer, sqlite3*, const char*, int pages) noexcept {
@@ -69,8 +73,12 @@ WriterConnection::WriterConnection(const std::string& path, const TripletStoreOp
   }
 }
 
-void WriterConnection::checkpointIfDue() {
+void WriterConnection::checkpointIfDue(Checkpointer* checkpointer) {
   if (walPages < kCheckpointPages) {
+    return;
+  }
+  if (checkpointer != nullptr && walPages < kWriterCheckpointPages) {
+    checkpointer->request();
     return;
   }
   walPages = 0;

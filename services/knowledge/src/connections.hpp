@@ -7,6 +7,7 @@
 
 #include <SQLiteCpp/Database.h>
 
+#include "checkpointer.hpp"
 #include "prepared_statements.hpp"
 #include "qvknowledge/sqlite_triplet_store.hpp"
 #include "sqlite_setup.hpp"
@@ -18,11 +19,12 @@ namespace QV::detail {
 struct WriterConnection {
   WriterConnection(const std::string& path, const TripletStoreOptions& options, bool inMemory);
 
-  // Copies the WAL into the database file once it holds about as many pages as SQLite's own
-  // automatic checkpoint would wait for, and as that one passively: it neither waits for nor
-  // disturbs readers. The automatic one ran inside COMMIT, making every caller of a group wait
-  // for its fsyncs; this one runs between groups.
-  void checkpointIfDue();
+  // Once the WAL holds about as many pages as SQLite's own automatic checkpoint would wait for,
+  // has it copied into the database file passively (neither waiting for nor disturbing readers):
+  // by `checkpointer`, in the background, or here between groups when there is none or the WAL
+  // has grown well past that. The automatic one ran inside COMMIT, making every caller of a
+  // group wait for its fsyncs.
+  void checkpointIfDue(Checkpointer* checkpointer);
 
   SqliteConfigured configured;  // before db: the process-wide settings precede the first open
   SQLite::Database db;

@@ -116,6 +116,7 @@ class SqliteTripletStore::Impl {
     try {
       writer = std::make_unique<detail::WriterConnection>(path, options, inMemory);
       if (!inMemory) {
+        checkpointer = std::make_unique<detail::Checkpointer>(path, options);
         readers = std::make_unique<detail::ReaderPool>(path, options, options.readConnections);
       }
     } catch (const SQLite::Exception& error) {
@@ -238,9 +239,11 @@ class SqliteTripletStore::Impl {
       [this](const detail::GroupCommit::Group& group) { commitGroup(group); },
       [this] {
         std::lock_guard lock(writerMutex);
-        writer->checkpointIfDue();
+        writer->checkpointIfDue(checkpointer.get());
       },
       commitWaitsOnDisk};
+  // Copies the WAL into the file in the background (none in memory). Closes before the writer.
+  std::unique_ptr<detail::Checkpointer> checkpointer;
   // Declared after the writer so that the read connections close first and the writer, closing
   // last, checkpoints the WAL into the database file.
   std::unique_ptr<detail::ReaderPool> readers;

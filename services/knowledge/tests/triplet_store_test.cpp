@@ -363,7 +363,7 @@ void onThreads(int threads, const std::function<void(int)>& body) {
 }
 
 TEST_F(GroupedWrites, EveryWriteIsVisibleToAnotherConnectionWhenItsCallReturnsAndTheWalBounded) {
-  constexpr int kThreads = 8, kWrites = 200;
+  constexpr int kThreads = 8, kWrites = 600;
   SqliteTripletStore store(path);
   std::atomic<int> unseen{0};
   onThreads(kThreads, [&](int thread) {
@@ -379,9 +379,10 @@ TEST_F(GroupedWrites, EveryWriteIsVisibleToAnotherConnectionWhenItsCallReturnsAn
     }
   });
   EXPECT_EQ(unseen.load(), 0);
-  // Checkpoints kept the WAL near a thousand pages; unchecked, it grows past 3,000.
+  // Under steady writes the writer checkpoints itself past 4,000 pages; unchecked, the WAL grows
+  // past 9,000.
   const auto page = SQLite::Database(path).execAndGet("PRAGMA page_size").getInt64() + 24;
-  EXPECT_LT(fs::file_size(path + "-wal"), 2000u * static_cast<std::uintmax_t>(page));
+  EXPECT_LT(fs::file_size(path + "-wal"), 5000u * static_cast<std::uintmax_t>(page));
   EXPECT_EQ(all(SqliteTripletStore(path)).size(), std::size_t{kThreads * kWrites});
 }
 
