@@ -4,10 +4,17 @@
 // objects it exports itself, and forwards the signals the other subscribed to. The end that
 // serves a directory also answers lookups by name.
 //
-// Threads: frames arrive on the channel's transport thread, which only decodes and queues; user
-// code (methods, subscribers, continuations of call futures) runs on the ka event loop. An
-// answer completes its call's future on the transport thread itself, which wakes a waiting
-// caller directly; what is chained to that future is handed to the event loop.
+// A frame goes one way: the channel reads it, onFrame decodes it by type and hands it to the job
+// that serves it (one file each: connection.cpp the life and the dispatch, connection_requests.cpp
+// what this end asks, connection_serving.cpp what the peer asks, connection_subscriptions.cpp
+// signals), whose answer goes back through send(). Object handles inside values are the
+// ObjectTable's business.
+//
+// Threads (docs/middleware.md, "Threads"): frames arrive on the transport's reading thread. A call
+// of a method that may run on any thread runs there right after the read; other user code
+// (queued methods, subscribers, continuations of call futures) runs on the ka event loop. An
+// answer completes its call's future on the reading thread, which wakes a waiting caller
+// directly; what is chained to that future is handed to the event loop.
 
 #include <ka/eventloop.hpp>
 #include <ka/future.hpp>
@@ -16,6 +23,7 @@
 
 #include "wire/channel.hpp"
 #include "wire/messages.hpp"
+#include "wire/object_table.hpp"
 #include "wire/value_codec.hpp"
 
 #include <boost/weak_ptr.hpp>
@@ -43,14 +51,14 @@ struct ServedDirectory {
   std::function<AnyObject(const std::string& name)> lookup;
 };
 
-class Connection : public std::enable_shared_from_this<Connection>, private ObjectCodec {
+class Connection : public std::enable_shared_from_this<Connection> {
  public:
   using ClosedHandler = std::function<void(const std::string& reason)>;
 
   // `served`: the directory this end serves, if any.
   static std::shared_ptr<Connection> create(ChannelPtr channel,
                                             std::optional<ServedDirectory> served = {});
-  ~Connection() override;
+  ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -108,15 +116,6 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
     // The type the answer must convert to; null to take it as it comes.
     const TypeInterface* expected = nullptr;
   };
-  struct Export {
-    AnyObject object;
-    // How many times its id was sent and not released yet.
-    std::uint64_t sent = 0;
-  };
-  struct Import {
-    boost::weak_ptr<RemoteObject> object;
-    const RemoteObject* raw = nullptr;  // tells a replaced import from the live one
-  };
   // A subscription the peer made to an exported object.
   struct Served {
     AnyObject object;
@@ -128,10 +127,6 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
     std::uint32_t object = 0;
     std::uint32_t signal = 0;
   };
-
-  // ObjectCodec: object handles inside values.
-  void pack(Packer& pk, const boost::shared_ptr<GenericObject>& object) override;
-  boost::shared_ptr<GenericObject> unpack(const msgpack::object& o) override;
 
   void onFrame(Frame frame);
   void onCall(const Frame& frame);
@@ -166,12 +161,12 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
   // False when the channel refused the frame; see the definition.
   bool send(Frame frame);
   void shutdown(const std::string& reason);
-  AnyObject exported(std::uint32_t id) const;
-  std::uint32_t exportObject(const boost::shared_ptr<GenericObject>& object);
 
   const ChannelPtr _channel;
   const std::optional<ServedDirectory> _served;
   const std::string _peer;
+  // The objects exported to the peer and imported from it; its own lock.
+  ObjectTable _objects;
   // Serialises subscription changes the peer asks for, and event deliveries to this end's
   // subscribers, each in arrival order, on the event loop.
   const Strand _control;
@@ -186,11 +181,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Obje
   ClosedHandler _onClosed;
   std::uint64_t _nextRequestId = 1;
   std::uint64_t _nextSubscriptionId = 1;
-  std::uint32_t _nextExportId = kDirectoryObjectId + 1;
   std::map<std::uint64_t, Pending> _pending;
-  std::map<std::uint32_t, Export> _exports;
-  std::map<const GenericObject*, std::uint32_t> _exportIds;
-  std::map<std::uint32_t, Import> _imports;
   std::map<std::uint64_t, Served> _servedSubscriptions;
   std::map<std::uint64_t, Subscribed> _subscriptions;
   // Set by stopServing: the error new requests of the peer get.
