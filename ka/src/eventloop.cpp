@@ -405,6 +405,10 @@ BlockingScope::BlockingScope()
   ++tlsBlockingDepth;
 }
 
+bool BlockingScope::handsOffOnEntry() noexcept {
+  return tlsBlockingHook != nullptr;
+}
+
 BlockingScope::BlockingScope(SerialGate& gate) : BlockingScope() {
   enter_ = &gate;
 }

@@ -116,6 +116,14 @@ void Connection::waitFor(short events, Clock::time_point deadline) {
     lose("the connection is closed");
   }
   std::optional<ka::detail::BlockingScope> blocking;
+  // On the thread reading a transport's sockets, even a quick round trip would hold up every
+  // other call: hand the reading over at once.
+  if (ka::detail::BlockingScope::handsOffOnEntry()) {
+    try {
+      blocking.emplace();
+    } catch (const std::exception&) {
+    }
+  }
   for (bool quick = true;; quick = false) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());

@@ -32,6 +32,11 @@ class KA_API BlockingScope {
   BlockingScope(const BlockingScope&) = delete;
   BlockingScope& operator=(const BlockingScope&) = delete;
 
+  // Whether a scope entered now would hand something to another thread first (a hook is
+  // installed, see BlockingHookScope): then even a short wait, one a caller would otherwise
+  // spend without a scope, holds up others and is worth a scope.
+  static bool handsOffOnEntry() noexcept;
+
  private:
   WorkerPool* pool_;  // the pool told about this block, or null when none was
   bool outermost_;
