@@ -52,7 +52,7 @@ void GroupCommit::lead() {
   }
   {
     std::optional<ka::detail::BlockingScope> blocking;
-    if (commitWaitsOnDisk_) {
+    if (commitBlocks_) {
       announceBlocking(blocking);
     }
     commitGroup_(group);

@@ -33,14 +33,15 @@ class GroupCommit {
 
   // `afterGroup`, if any, runs on the leader once the callers of its group are woken and before
   // the next group starts, e.g. for upkeep they need not wait for.
-  // `commitWaitsOnDisk`: a commit waits for the disk (an fsync), so the leader tells the event
-  // loop and the transport that it blocks, and the writes arriving meanwhile are still read and
-  // queued for the next group.
+  // `commitBlocks`: a commit waits for the disk (it writes the WAL, and fsyncs it under full
+  // durability), so the leader tells the event loop and the transport that it blocks: the
+  // writes that arrive meanwhile are still read, and queue for the next group instead of each
+  // committing alone after it.
   explicit GroupCommit(CommitGroup commitGroup, std::function<void()> afterGroup = {},
-                       bool commitWaitsOnDisk = false)
+                       bool commitBlocks = false)
       : commitGroup_(std::move(commitGroup)),
         afterGroup_(std::move(afterGroup)),
-        commitWaitsOnDisk_(commitWaitsOnDisk) {}
+        commitBlocks_(commitBlocks) {}
 
   // Returns when the group holding `write` is committed (or failed): the caller then reads its
   // failure. The first caller to find no leader leads: it commits every write queued so far, its
@@ -55,7 +56,7 @@ class GroupCommit {
 
   const CommitGroup commitGroup_;
   const std::function<void()> afterGroup_;
-  const bool commitWaitsOnDisk_;
+  const bool commitBlocks_;
   std::mutex mutex_;      // guards pending_, leading_ and the state of every queued Write
   Group pending_;         // arrived since the committing group was taken, in arrival order
   bool leading_ = false;  // a thread leads: commits a group, or is woken to

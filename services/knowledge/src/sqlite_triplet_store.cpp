@@ -107,9 +107,7 @@ void execute(SQLite::Statement& statement, const CallValues& values) {
 class SqliteTripletStore::Impl {
  public:
   Impl(std::string storePath, const TripletStoreOptions& options)
-      : path(std::move(storePath)),
-        inMemory(path == kMemoryPath),
-        commitWaitsOnDisk(!inMemory && options.durability == Durability::Full) {
+      : path(std::move(storePath)), inMemory(path == kMemoryPath), commitBlocks(!inMemory) {
     if (path.empty()) {
       throw detail::storeError(path, "the path is empty");
     }
@@ -233,15 +231,15 @@ class SqliteTripletStore::Impl {
   // statements.
   mutable std::mutex writerMutex;
   std::unique_ptr<detail::WriterConnection> writer;
-  // Full durability: every commit waits for an fsync.
-  const bool commitWaitsOnDisk;
+  // A commit writes to the file (and fsyncs it under Durability::Full); in memory it does not.
+  const bool commitBlocks;
   detail::GroupCommit commits{
       [this](const detail::GroupCommit::Group& group) { commitGroup(group); },
       [this] {
         std::lock_guard lock(writerMutex);
         writer->checkpointIfDue(checkpointer.get());
       },
-      commitWaitsOnDisk};
+      commitBlocks};
   // Copies the WAL into the file in the background (none in memory). Closes before the writer.
   std::unique_ptr<detail::Checkpointer> checkpointer;
   // Declared after the writer so that the read connections close first and the writer, closing
