@@ -11,6 +11,8 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -32,6 +34,52 @@ namespace {
 // than spin.
 constexpr std::chrono::milliseconds kAcceptRetryDelay{100};
 
+// The lock file beside a Unix socket: held, with flock, for as long as one listener serves the
+// path. Probing an existing socket cannot tell two listeners starting at the same instant apart
+// (each finds the other's file stale, or none at all, and both bind); the lock can. The file
+// itself stays when the listener stops: removing it would let a listener that opened the old
+// file and one that creates a new one both hold "the" lock.
+class SocketLock {
+ public:
+  SocketLock() = default;
+  SocketLock(const std::string& socketPath, const std::string& url) {
+    const std::string path = socketPath + ".lock";
+    fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+    if (fd_ < 0) {
+      throw TransportError("cannot listen on " + url + ": cannot open the lock file " + path +
+                           ": " + errnoText(errno));
+    }
+    if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      const int error = errno;
+      ::close(fd_);
+      fd_ = -1;
+      if (error == EWOULDBLOCK) {
+        throw TransportError("cannot listen on " + url + ": already served by another listener");
+      }
+      throw TransportError("cannot listen on " + url + ": cannot lock " + path + ": " +
+                           errnoText(error));
+    }
+  }
+  SocketLock(SocketLock&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  SocketLock& operator=(SocketLock&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  SocketLock(const SocketLock&) = delete;
+  SocketLock& operator=(const SocketLock&) = delete;
+  ~SocketLock() { release(); }
+
+  void release() {
+    if (fd_ >= 0) {
+      ::close(fd_);  // closing the last descriptor of the file releases the lock
+      fd_ = -1;
+    }
+  }
+
+ private:
+  int fd_ = -1;
+};
+
 // Accepts connections on one acceptor and hands each through the server handshake.
 template <typename Protocol>
 class AcceptLoop final : public Listener,
@@ -46,11 +94,13 @@ class AcceptLoop final : public Listener,
         options_(std::move(options)),
         onAccept_(std::move(onAccept)) {}
 
-  // A Unix socket file to remove on close, if it is still the one this loop created.
-  void ownFile(std::string path, dev_t device, ino_t inode) {
+  // A Unix socket file to remove on close, if it is still the one this loop created, and the
+  // lock that keeps other listeners off it until then.
+  void ownFile(std::string path, dev_t device, ino_t inode, SocketLock lock) {
     path_ = std::move(path);
     device_ = device;
     inode_ = inode;
+    lock_ = std::move(lock);
   }
 
   void acceptNext() {
@@ -72,6 +122,7 @@ class AcceptLoop final : public Listener,
         now.st_ino == inode_) {
       ::unlink(path_.c_str());
     }
+    lock_.release();
   }
 
  private:
@@ -132,6 +183,7 @@ class AcceptLoop final : public Listener,
   std::string path_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
+  SocketLock lock_;
 };
 
 // Whether something accepts connections at the Unix socket `path`. Throws when the path exists
@@ -176,6 +228,7 @@ struct Listening {
 Listening listenUnix(Transport::Impl& impl, const Url& parsed, const std::string& url,
                      const TransportOptions& options, Transport::AcceptHandler onAccept) {
   Listening made;
+  SocketLock lock(parsed.path, url);
   if (unixSocketAnswers(parsed.path, url)) {
     throw TransportError("cannot listen on " + url + ": already served by another listener");
   }
@@ -212,7 +265,7 @@ Listening listenUnix(Transport::Impl& impl, const Url& parsed, const std::string
   }
   auto loop = std::make_shared<AcceptLoop<Local>>(impl, std::move(acceptor), parsed.text(), options,
                                                   std::move(onAccept));
-  loop->ownFile(parsed.path, status.st_dev, status.st_ino);
+  loop->ownFile(parsed.path, status.st_dev, status.st_ino, std::move(lock));
   made.loops.push_back(loop);
   made.endpoints.push_back(parsed.text());
   return made;

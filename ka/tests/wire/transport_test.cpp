@@ -17,6 +17,8 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <thread>
+#include <vector>
 
 using namespace ka::wire;
 using namespace ka::wire::test;
@@ -473,6 +475,56 @@ TEST(UnixListening, ReplacesAStaleSocketFileButRefusesALiveOneOrAnyOtherFile) {
   EXPECT_THAT(transportError([&] { transport.listen("unix://" + plain, {}, [](ChannelPtr) {}); }),
               HasSubstr("not a socket"));
   EXPECT_TRUE(std::filesystem::is_regular_file(plain));
+}
+
+// Two daemons started at once on one path must not both serve: each would judge the other's
+// fresh socket file stale, and the loser would unlink it and serve on a path nobody else finds.
+TEST(UnixListening, OfListenersStartingAtOnceOnAStalePathExactlyOneServesAndTheOthersSaySo) {
+  TempDir dir;
+  const std::string path = dir.file("s.sock");
+  constexpr int kListeners = 4;
+  for (int round = 0; round < 25; ++round) {
+    {
+      const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);  // a stale file, as after a crash
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+      ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+      ::close(fd);
+    }
+    std::vector<std::unique_ptr<Transport>> transports;
+    for (int i = 0; i < kListeners; ++i) {
+      transports.push_back(std::make_unique<Transport>());
+    }
+    std::atomic<int> ready{0};
+    std::vector<std::string> errors(kListeners);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kListeners; ++i) {
+      threads.emplace_back([&, i] {
+        ++ready;
+        while (ready.load() < kListeners) {
+        }
+        errors[i] =
+            transportError([&] { transports[i]->listen("unix://" + path, {}, [](ChannelPtr) {}); });
+      });
+    }
+    for (auto& t : threads) {
+      t.join();
+    }
+    int serving = 0;
+    for (const std::string& error : errors) {
+      if (error.empty()) {
+        ++serving;
+      } else {
+        EXPECT_THAT(error, HasSubstr("already served")) << "round " << round;
+      }
+    }
+    ASSERT_EQ(serving, 1) << "round " << round;
+    Transport client;
+    EXPECT_TRUE(client.connect("unix://" + path, {})) << "the one serving lost its socket file";
+    transports.clear();  // the next round starts from a stale file again
+    ASSERT_FALSE(std::filesystem::exists(path));
+  }
 }
 
 TEST(TransportShutdown, ClosesEveryChannelWithAReasonAndLeavesThemInertHusks) {
