@@ -9,6 +9,8 @@
 
 #include <ka/log.hpp>
 
+#include <malloc.h>
+
 #include <chrono>
 #include <iostream>
 #include <optional>
@@ -26,6 +28,11 @@ int fail(const std::string& what, const std::string& reason) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Buffers of a MiB and more (large frames, their decoded values) get pages of their own that
+  // go back to the system when freed. By default the allocator raises this bound to the largest
+  // block freed so far, after which every later 16 MiB frame stays in its free lists and an idle
+  // daemon keeps hundreds of MiB it no longer uses.
+  ::mallopt(M_MMAP_THRESHOLD, 1 << 20);
   // Before any thread exists, so that every thread inherits the blocked stop signals.
   const qvuserinfod::StopSignals signals;
 

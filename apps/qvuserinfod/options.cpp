@@ -1,6 +1,7 @@
 #include "options.hpp"
 
 #include <appcommon/default_url.hpp>
+#include <appcommon/token.hpp>
 #include <qvpostgres/postgres_database.hpp>
 
 #include <CLI/CLI.hpp>
@@ -99,7 +100,7 @@ CommandLine readCommandLine(int argc, char** argv) {
   std::string connect;
   bool noUserSession = false;
   std::string durability = "full";
-  std::string token;
+  qvapp::TokenSource token;
   std::vector<std::string> logTexts;
 
   app.add_option("--state-dir", stateDir,
@@ -136,9 +137,12 @@ CommandLine readCommandLine(int argc, char** argv) {
                  "full: a reply means the write survives a power loss; normal: it survives a "
                  "crash of the daemon")
       ->check(CLI::IsMember({"full", "normal"}));
-  app.add_option("--token", token,
-                 "Shared secret: clients must present it (serving), or presented to the server "
-                 "(--connect)");
+  app.add_option("--token-file", token.file,
+                 "File holding the shared secret (owner-only, e.g. mode 600): clients must "
+                 "present it (serving), or presented to the server (--connect). Default: "
+                 "$QV_TOKEN, else none");
+  app.add_option("--token", token.token,
+                 "The shared secret itself; visible in process listings, prefer --token-file");
   app.add_option("--log", logTexts,
                  "LEVEL for every category, or PATTERN=LEVEL for some (e.g. 'QVUser*=verbose'); "
                  "repeatable, later rules win. Levels: silent fatal error warning info verbose "
@@ -161,9 +165,17 @@ CommandLine readCommandLine(int argc, char** argv) {
   }
 
   Settings settings;
+  try {
+    settings.token = qvapp::resolveToken(token);
+  } catch (const qvapp::TokenError& e) {
+    std::cerr << "qvuserinfod: " << e.what() << std::endl;
+    return CommandLine{std::nullopt, 2};
+  }
+  if (!token.warning.empty()) {
+    std::cerr << "qvuserinfod: warning: " << token.warning << std::endl;
+  }
   settings.durability = durability == "normal" ? QV::Durability::Normal : QV::Durability::Full;
   settings.ownUserSession = !noUserSession;
-  settings.token = token;
   settings.log.push_back(LogRule{"*", kDefaultLogLevel});
   for (const auto& text : logTexts) {
     settings.log.push_back(*parseLogRule(text));

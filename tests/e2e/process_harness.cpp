@@ -128,18 +128,21 @@ void Process::readInto(int fd, std::string& into, bool& closed) {
   ::close(fd);
 }
 
-std::optional<std::string> Process::waitForLine(const std::string& prefix, Millis limit) {
+std::optional<std::string> Process::waitForLine(const std::string& prefix, Millis limit,
+                                                Output from) {
   std::unique_lock<std::mutex> lock(mutex_);
+  const std::string& text = from == Output::Out ? out_ : err_;
+  const bool& closed = from == Output::Out ? outClosed_ : errClosed_;
   std::optional<std::string> found;
   changed_.wait_for(lock, limit, [&] {
     std::size_t start = 0;
-    for (std::size_t end; (end = out_.find('\n', start)) != std::string::npos; start = end + 1) {
-      if (out_.compare(start, prefix.size(), prefix) == 0) {
-        found = out_.substr(start, end - start);
+    for (std::size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+      if (text.compare(start, prefix.size(), prefix) == 0) {
+        found = text.substr(start, end - start);
         return true;
       }
     }
-    return outClosed_;
+    return closed;
   });
   return found;
 }

@@ -33,9 +33,11 @@ class Process {
 
   pid_t pid() const { return pid_; }
 
-  // The first complete stdout line starting with `prefix`, once it has arrived; nullopt when the
-  // limit passes or stdout ends first.
-  std::optional<std::string> waitForLine(const std::string& prefix, Millis limit);
+  // The first complete stdout (or stderr) line starting with `prefix`, once it has arrived;
+  // nullopt when the limit passes or that output ends first.
+  enum class Output { Out, Err };
+  std::optional<std::string> waitForLine(const std::string& prefix, Millis limit,
+                                         Output from = Output::Out);
   void signal(int number);
   // The exit code (128 + signal number when a signal ended it), or nullopt when the child still
   // runs at the limit. Both outputs have then been read to their end.

@@ -3,6 +3,7 @@
 #include "commands.hpp"
 
 #include <appcommon/default_url.hpp>
+#include <appcommon/token.hpp>
 
 #include <ka/log.hpp>
 
@@ -64,7 +65,8 @@ CallArguments splitCallArguments(int argc, const char* const* argv) {
   split.options.assign(argv, argv + argc);
   // Options that take a value in the next word unless given as --name=value.
   auto takesValue = [](const std::string& word) {
-    return word == "--url" || word == "--token" || word == "--timeout" || word == "--count";
+    return word == "--url" || word == "--token" || word == "--token-file" || word == "--timeout" ||
+           word == "--count";
   };
   bool inCall = false;
   for (int i = 1; i < argc; ++i) {
@@ -112,7 +114,12 @@ int runCommandLine(int argc, const char* const* argv, std::ostream& out, std::os
   app.add_option("--url", settings.url,
                  "Where the middleware is (default: $QV_URL, else ./var/qvuserinfod.sock when it "
                  "exists, else the per-user runtime socket)");
-  app.add_option("--token", settings.token, "Token presented to the daemon");
+  qvapp::TokenSource token;
+  app.add_option("--token-file", token.file,
+                 "File holding the token presented to the daemon (owner-only, e.g. mode 600). "
+                 "Default: $QV_TOKEN, else none");
+  app.add_option("--token", token.token,
+                 "The token itself; visible in process listings, prefer --token-file");
   app.add_option("--timeout", settings.timeoutSeconds,
                  "Seconds a connection or a call may take before it fails")
       ->capture_default_str();
@@ -169,6 +176,14 @@ int runCommandLine(int argc, const char* const* argv, std::ostream& out, std::os
     if (settings.url.empty()) {
       settings.url = qvapp::defaultUrl();
     }
+    try {
+      settings.token = qvapp::resolveToken(token);
+    } catch (const qvapp::TokenError& e) {
+      throw UsageError(e.what());
+    }
+    if (!token.warning.empty()) {
+      err << "kacli: warning: " << token.warning << "\n";
+    }
     if (*services) {
       runServices(settings, out);
     } else if (*info) {
@@ -181,7 +196,7 @@ int runCommandLine(int argc, const char* const* argv, std::ostream& out, std::os
       if (handleSignals) {
         handlers.emplace(stop);
       }
-      runWatch(settings, target, count, stop, out);
+      runWatch(settings, target, count, stop, out, err);
     }
     return kExitOk;
   } catch (const UsageError& e) {

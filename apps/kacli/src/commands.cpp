@@ -181,7 +181,7 @@ void runCall(const Settings& settings, const std::string& target,
 }
 
 void runWatch(const Settings& settings, const std::string& target, std::optional<long> count,
-              StopFlag& stop, std::ostream& out) {
+              StopFlag& stop, std::ostream& out, std::ostream& err) {
   const auto [service, signalName] = splitTarget(target, "SIGNAL");
   Connection connection(settings);
   const ka::AnyObject object = connection.service(service);
@@ -220,6 +220,9 @@ void runWatch(const Settings& settings, const std::string& target, std::optional
       ka::MetaCallType::Queued);
   const ka::SignalLink link =
       connection.wait(object->connect(signalName, subscriber), "the subscription to " + target);
+  // From here on no emission is missed: a script started in the background waits for this line
+  // before it makes the change it wants to see.
+  err << "kacli: subscribed to " << target << std::endl;
 
   bool lost = false;
   while (!stop.waitFor(200)) {

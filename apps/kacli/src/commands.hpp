@@ -70,8 +70,9 @@ void runInfo(const Settings& settings, const std::string& service, std::ostream&
 void runCall(const Settings& settings, const std::string& target,
              const std::vector<std::string>& arguments, std::ostream& out);
 // Prints one line per emission of SERVICE.SIGNAL, its arguments as a JSON array, flushed at once,
-// until `count` emissions arrived or `stop` is raised. CallError when the connection goes.
+// until `count` emissions arrived or `stop` is raised. CallError when the connection goes. Once
+// subscribed, says so on `err` ("kacli: subscribed to SERVICE.SIGNAL").
 void runWatch(const Settings& settings, const std::string& target, std::optional<long> count,
-              StopFlag& stop, std::ostream& out);
+              StopFlag& stop, std::ostream& out, std::ostream& err);
 
 }  // namespace kacli
