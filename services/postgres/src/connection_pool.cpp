@@ -6,6 +6,13 @@
 
 namespace QV::pg {
 
+namespace {
+
+// While the server is unreachable, how often a call may try a fresh connection itself.
+constexpr std::chrono::milliseconds kProbeEvery{250};
+
+}  // namespace
+
 Pool::Pool(std::string conninfo, std::size_t size, std::chrono::milliseconds connectTimeout,
            std::function<void(Connection&)> setup)
     : conninfo_(std::move(conninfo)),
@@ -36,14 +43,24 @@ void Pool::markUnreachable(const std::string& why) {
 }
 
 Pool::Lease Pool::checkout(Clock::time_point deadline) {
+  std::vector<std::unique_ptr<Connection>> ended;  // closed after the lock is let go
   std::unique_lock lock(mutex_);
   for (;;) {
     if (!reachable_) {
-      throw Failure("the database is unreachable: " + failure_, true);
+      if (probing_ || Clock::now() - lastAttempt_ < kProbeEvery) {
+        throw Failure("the database is unreachable: " + failure_, true);
+      }
+      probing_ = true;
+      break;
     }
-    if (!idle_.empty()) {
+    while (!idle_.empty()) {
       auto connection = std::move(idle_.back());
       idle_.pop_back();
+      if (connection->endedWhileIdle()) {
+        --open_;
+        ended.push_back(std::move(connection));
+        continue;
+      }
       return Lease(*this, std::move(connection), generation_, true);
     }
     if (open_ < size_) {
@@ -59,15 +76,25 @@ Pool::Lease Pool::checkout(Clock::time_point deadline) {
       throw Failure("every connection to the database stayed busy", false);
     }
   }
+  const bool probe = probing_;
+  lastAttempt_ = Clock::now();
   ++open_;
   const std::uint64_t generation = generation_;
   lock.unlock();
   try {
-    return Lease(*this, open(), generation, false);
+    auto connection = open();
+    lock.lock();
+    if (probe) {
+      probing_ = false;
+      reachable_ = true;
+      failure_.clear();
+    }
+    return Lease(*this, std::move(connection), generation_, false);
   } catch (const Failure& failure) {
     lock.lock();
     --open_;
-    if (failure.lost() && generation == generation_) {
+    probing_ = probe ? false : probing_;
+    if (failure.lost() && (probe || generation == generation_)) {
       markUnreachable(failure.what());
     }
     freed_.notify_one();
@@ -81,7 +108,10 @@ void Pool::giveBack(std::unique_ptr<Connection> connection, std::uint64_t genera
   std::vector<std::unique_ptr<Connection>> stale;
   std::lock_guard lock(mutex_);
   if (generation != generation_) {
-    dropped = std::move(connection);  // counted out when its generation ended
+    // Leased before the server was found gone: dropped, never reused after a restart.
+    dropped = std::move(connection);
+    --open_;
+    freed_.notify_one();
     return;
   }
   if (broken) {
@@ -103,9 +133,13 @@ void Pool::giveBack(std::unique_ptr<Connection> connection, std::uint64_t genera
   freed_.notify_one();
 }
 
-void Pool::markLost(const std::string& why) {
+void Pool::markLost() {
+  std::vector<std::unique_ptr<Connection>> dropped;
   std::lock_guard lock(mutex_);
-  markUnreachable(why);
+  ++generation_;
+  open_ -= idle_.size();
+  dropped.swap(idle_);
+  freed_.notify_all();
 }
 
 bool Pool::reachable() const {

@@ -1,7 +1,9 @@
 #pragma once
-// The connections calls run on. While the server is unreachable every call fails at once with the
-// last reason, instead of each waiting out a connect timeout; the pool's owner tries again in the
-// background (retryNow) and calls succeed again from its first success on.
+// The connections calls run on. While the server is unreachable every call fails at once, instead
+// of each waiting out a connect timeout; yet one call at a time, at most every quarter second,
+// tries a fresh connection itself, so that the reason calls give is what is true now and calls
+// succeed again from the first success on. The pool's owner also tries again in the background
+// (retryNow). A connection the server ended while it sat idle is never handed out.
 
 #include "pg_connection.hpp"
 
@@ -55,9 +57,10 @@ class Pool {
   std::string lastFailure() const;
   // Tries to open a connection now; on success the server is reachable again. False otherwise.
   bool retryNow();
-  // The server is known to be lost (the owner's own connection to it broke): drops every
-  // connection and fails calls until retryNow() succeeds.
-  void markLost(const std::string& why);
+  // The owner's own connection to the server broke: the idle connections most likely went with
+  // it (a restart ends them all), so they are dropped; the next call opens a new one, which
+  // tells whether the server is there.
+  void markLost();
 
  private:
   void giveBack(std::unique_ptr<Connection> connection, std::uint64_t generation, bool reused);
@@ -76,6 +79,10 @@ class Pool {
   std::size_t open_ = 0;
   bool reachable_ = true;
   std::string failure_;
+  // Guarded by mutex_, while unreachable: whether a call is trying a fresh connection, and when
+  // the last attempt began.
+  bool probing_ = false;
+  Clock::time_point lastAttempt_{};
   // Guarded by mutex_: bumped when the server is found unreachable, so that connections leased
   // before are dropped on return instead of being reused after a restart of the server.
   std::uint64_t generation_ = 0;

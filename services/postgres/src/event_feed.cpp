@@ -164,8 +164,8 @@ void EventFeed::run() {
         KA_LOG_WARNING(kCategory) << location_ << ": lost the connection; reconnecting";
         reconnected_ = true;
         // Usually the server went (a restart ends every session): the idle connections of the
-        // pool are gone too, and calls had better fail at once than on a dead connection.
-        pool_.markLost("lost the connection: " + listener_->errorMessage());
+        // pool are gone too, and calls had better open new ones than fail on a dead one.
+        pool_.markLost();
       }
       if (!connect()) {
         if (!pause(Clock::now() + delay)) {

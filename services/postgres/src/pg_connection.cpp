@@ -263,6 +263,17 @@ bool Connection::consumeInput() {
   return true;
 }
 
+bool Connection::endedWhileIdle() {
+  pollfd fd{PQsocket(conn_), POLLIN, 0};
+  if (fd.fd < 0) {
+    return true;
+  }
+  if (::poll(&fd, 1, 0) <= 0) {
+    return broken();
+  }
+  return !consumeInput();
+}
+
 std::unique_ptr<PGnotify, void (*)(void*)> Connection::nextNotification() {
   return {PQnotifies(conn_), &PQfreemem};
 }

@@ -85,6 +85,10 @@ class Connection {
 
   // Reads whatever the server sent without blocking; false when the connection is lost.
   bool consumeInput();
+  // Whether the server ended this connection while it sat unused (its backend killed, the
+  // server restarted): an unused connection normally receives nothing, so anything waiting is
+  // read, without blocking, and tells. Costs one poll().
+  bool endedWhileIdle();
   // The next notification received, or empty.
   std::unique_ptr<PGnotify, void (*)(void*)> nextNotification();
 
