@@ -15,6 +15,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
 #include <typeinfo>
 #include <utility>
 
@@ -75,7 +76,7 @@ QVUserInfo::QVUserInfo(const boost::shared_ptr<ka::Session>& session)
 QVUserInfo::~QVUserInfo() {
   // The directory first: once its deliveries have ended, no new subscription can appear.
   userSession.reset();
-  std::vector<ka::ScopedConnection> ended;
+  std::vector<UserSessionSubscriptions> ended;
   {
     std::lock_guard<std::mutex> lock(subscriptionsMutex);
     ended.swap(subscriptions);
@@ -227,17 +228,22 @@ void QVUserInfo::xSubscribeToUserSession(const ka::AnyObject& service) {
       }
     };
   };
-  const auto remember = [this](ka::ScopedConnection connection) {
-    std::lock_guard<std::mutex> lock(subscriptionsMutex);
-    subscriptions.push_back(std::move(connection));
-  };
+  UserSessionSubscriptions made{service.asGenericObject(), {}, {}};
   try {
-    remember(users.onCreatedUsers(gated(&QVUserInfo::xOnCreatedUsers), ka::MetaCallType::Queued));
-    remember(users.onDeletedUsers(gated(&QVUserInfo::xOnDeletedUsers), ka::MetaCallType::Queued));
+    made.createdUsers =
+        users.onCreatedUsers(gated(&QVUserInfo::xOnCreatedUsers), ka::MetaCallType::Queued);
+    made.deletedUsers =
+        users.onDeletedUsers(gated(&QVUserInfo::xOnDeletedUsers), ka::MetaCallType::Queued);
   } catch (...) {
     KA_LOG_AT(ka::LogLevel::Error, logCategory, "xConnectUserSessionService")
         << "Could not connect to \"" << UserSessionClient::kServiceName << "\" signals";
   }
+  std::lock_guard<std::mutex> lock(subscriptionsMutex);
+  subscriptions.erase(
+      std::remove_if(subscriptions.begin(), subscriptions.end(),
+                     [](const UserSessionSubscriptions& s) { return s.instance.expired(); }),
+      subscriptions.end());
+  subscriptions.push_back(std::move(made));
 }
 
 void QVUserInfo::xOnCreatedUsers(const std::vector<int>& userIds) {

@@ -38,15 +38,15 @@ class DataStoreTest : public UserInfoTest {
 };
 
 StoreCall declaration(const std::string& key, const std::string& type) {
-  return {"update", {kOwn, key, "rangeType", type}};
+  return storeCall("update", {kOwn, key, "rangeType", type});
 }
 
 // The only order the store's calls promise: the declarations, one after another, and the store
 // asked again on every typed read, never a copy kept from before.
 TEST_F(DataStoreTest, TheStoreSeesTheDeclarationsInKeyOrderAndIsAskedOnEveryTypedRead) {
   seed({{kOwn, "7", "birthyear", "1990"}});
-  const StoreCall yearType{"getObject", {kOwn, "birthyear", "rangeType"}};
-  const StoreCall year{"getObject", {kOwn, "7", "birthyear"}};
+  const StoreCall yearType = storeCall("getObject", {kOwn, "birthyear", "rangeType"});
+  const StoreCall year = storeCall("getObject", {kOwn, "7", "birthyear"});
   const struct {
     const char* what;
     std::function<void()> run;
@@ -64,8 +64,7 @@ TEST_F(DataStoreTest, TheStoreSeesTheDeclarationsInKeyOrderAndIsAskedOnEveryType
        {yearType, yearType}},
       {"two reads",
        [&] { store->get(7, "birthyear", kOwn), store->get(7, "birthyear", kOwn); },
-       {year, yearType, year, yearType}},
-  };
+       {year, yearType, year, yearType}}};
   for (const auto& c : cases) {
     forget();
     c.run();
@@ -76,23 +75,10 @@ TEST_F(DataStoreTest, TheStoreSeesTheDeclarationsInKeyOrderAndIsAskedOnEveryType
 
 TEST_F(DataStoreTest, ConstructionFailsWithTheFirstDeclarationsErrorOrOnAnEmptyHandle) {
   triplets->failCallsOf("update", "disk full");
-  EXPECT_THROW(
-      {
-        try {
-          makeStore();
-        } catch (const std::exception& e) {
-          EXPECT_STREQ(e.what(), "disk full");
-          throw;
-        }
-      },
-      std::exception);
+  EXPECT_EQ(errorOf([&] { makeStore(); }), "disk full");
   EXPECT_EQ(triplets->calls(), StoreCalls{declaration("age", "int")});
-  try {
-    QV::QVUserInfoPrivate broken{QV::KnowledgeClient()};
-    ADD_FAILURE() << "a data store needs a knowledge object";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "This object is null");
-  }
+  EXPECT_EQ(errorOf([] { QV::QVUserInfoPrivate broken{QV::KnowledgeClient()}; }),
+            "This object is null");
 }
 
 // --- Typing ---------------------------------------------------------------------------------
@@ -100,29 +86,10 @@ TEST_F(DataStoreTest, ConstructionFailsWithTheFirstDeclarationsErrorOrOnAnEmptyH
 TEST(CastData, ParsesStoredTextByTheLexicalCastRulesAndRefusesOtherTypeNames) {
   const struct {
     std::string text, type, read;  // read: describe() of the value, "" when it does not parse
-  } cases[] = {
-      {"42", "int", "i:42"},
-      {"+42", "int", "i:42"},
-      {"-0", "int", "i:0"},
-      {"007", "int", "i:7"},
-      {"-2147483648", "int", "i:-2147483648"},
-      {" 42", "int", ""},
-      {"42 ", "int", ""},
-      {"0x10", "int", ""},
-      {"", "int", ""},
-      {"2147483648", "int", ""},
-      {"1.0", "int", ""},
-      {"1", "bool", "b:true"},
-      {"0001", "bool", "b:true"},
-      {"-0", "bool", "b:false"},
-      {"+0", "bool", "b:false"},
-      {"true", "bool", ""},
-      {"2", "bool", ""},
-      {"-1", "bool", ""},
-      {"", "bool", ""},
-      {"", "string", "s:"},
-      {" x ", "string", "s: x "},
-  };
+  } cases[] = {{"+42", "int", "i:42"},     {"007", "int", "i:7"},     {" 42", "int", ""},
+               {"0x10", "int", ""},        {"1.0", "int", ""},        {"2147483648", "int", ""},
+               {"0001", "bool", "b:true"}, {"-0", "bool", "b:false"}, {"true", "bool", ""},
+               {"2", "bool", ""},          {"", "bool", ""},          {" x ", "string", "s: x "}};
   for (const auto& c : cases) {
     if (c.read.empty()) {
       EXPECT_THROW(QV::QVUserInfoPrivate::castData(c.text, c.type), boost::bad_lexical_cast)
@@ -153,21 +120,19 @@ TEST_F(DataStoreTest, WritesIntoAnotherDomainStoreTheValueAsTextUnderTheTypeOfTh
     Strings stored;  // none when refused
     std::string type;
     std::string read;
-  } cases[] = {
-      {text("Ada"), {"Ada"}, "string", "s:Ada"},
-      {AnyValue(-7), {"-7"}, "int", "i:-7"},
-      {AnyValue(true), {"1"}, "bool", "b:true"},
-      {AnyValue(false), {"0"}, "bool", "b:false"},
-      {AnyValue::make(AnyValue(12)), {"12"}, "int", "i:12"},
-      // A 64-bit integer has no type name: it is read back as text.
-      {AnyValue(INT64_MIN), {"-9223372036854775808"}, "", "s:-9223372036854775808"},
-      {text(""), {}, "", ""},
-      {AnyValue(2.5), {}, "", ""},
-      {AnyValue(3u), {}, "", ""},
-      {AnyValue(std::int16_t{3}), {}, "", ""},
-      {AnyValue(Strings{"a"}), {}, "", ""},
-      {AnyValue(), {}, "", ""},
-  };
+  } cases[] = {{text("Ada"), {"Ada"}, "string", "s:Ada"},
+               {AnyValue(-7), {"-7"}, "int", "i:-7"},
+               {AnyValue(true), {"1"}, "bool", "b:true"},
+               {AnyValue(false), {"0"}, "bool", "b:false"},
+               {AnyValue::make(AnyValue(12)), {"12"}, "int", "i:12"},
+               // A 64-bit integer has no type name: it is read back as text.
+               {AnyValue(INT64_MIN), {"-9223372036854775808"}, "", "s:-9223372036854775808"},
+               {text(""), {}, "", ""},
+               {AnyValue(2.5), {}, "", ""},
+               {AnyValue(3u), {}, "", ""},
+               {AnyValue(std::int16_t{3}), {}, "", ""},
+               {AnyValue(Strings{"a"}), {}, "", ""},
+               {AnyValue(), {}, "", ""}};
   for (const auto& c : cases) {
     triplets->inner().remove(kOther, "?", "?", "?");
     forget();
@@ -208,18 +173,16 @@ TEST_F(DataStoreTest, ReadsConvertToTheDeclaredTypeOrAnswerEmptyVoidOrTextAsThey
     int user;
     std::string name, domain, read;
     LogLines logged;
-  } cases[] = {
-      {7, "gender", kOwn, ":", {}},
-      {7, "birthyear", kOwn, "v:", {}},
-      {7, "lastseen", kOwn, "v:", {}},
-      {7, "height", kOther, "v:", {}},
-      {7, "name", kOwn, "s:Ada", {}},
-      {-3, "birthday", kOwn, "i:12", {}},
-      {2147483647, "name", kOwn, "s:Max", {}},
-      {7, "timefocused", kOwn, "s:120", {untyped("timefocused")}},
-      {7, "nickname", kOther, "s:Al", {untyped("nickname")}},
-      {7, "motto", kOther, "s:42", {untyped("motto")}},
-  };
+  } cases[] = {{7, "gender", kOwn, ":", {}},
+               {7, "birthyear", kOwn, "v:", {}},
+               {7, "lastseen", kOwn, "v:", {}},
+               {7, "height", kOther, "v:", {}},
+               {7, "name", kOwn, "s:Ada", {}},
+               {-3, "birthday", kOwn, "i:12", {}},
+               {2147483647, "name", kOwn, "s:Max", {}},
+               {7, "timefocused", kOwn, "s:120", {untyped("timefocused")}},
+               {7, "nickname", kOther, "s:Al", {untyped("nickname")}},
+               {7, "motto", kOther, "s:42", {untyped("motto")}}};
   for (const auto& c : cases) {
     capture.clear();
     EXPECT_EQ(describe(store->get(c.user, c.name, c.domain)), c.read) << c.name;
@@ -252,35 +215,33 @@ TEST_F(DataStoreTest, BuiltInNamesAcceptTheirRangeAndRefuseJustBeyondWithTheirMe
     // storable kind, otherwise the warning
     std::string rejection;
     std::string warner = "xCheckDataRange";
-  } cases[] = {
-      {"age", AnyValue(0), ""},
-      {"age", AnyValue(-1), "age can't be a negative"},
-      {"birthyear", AnyValue(0), ""},
-      {"birthyear", AnyValue(-1), "birth year can't be a negative"},
-      {"birthyear", AnyValue(std::int64_t{5000000000}), ""},
-      {"firstencounter", AnyValue(-1), "first encounter value can't be a negative"},
-      {"lastseen", AnyValue(std::int64_t{-1}), "last seen value can't be a negative"},
-      {"birthmonth", AnyValue(1), ""},
-      {"birthmonth", AnyValue(12), ""},
-      {"birthmonth", AnyValue(0), month},
-      {"birthmonth", AnyValue(13), month},
-      {"birthmonth", AnyValue(std::int64_t{4294967297}), ""},  // judged on the low 32 bits
-      {"birthday", AnyValue(31), ""},
-      {"birthday", AnyValue(0), day},
-      {"birthday", AnyValue(32), day},
-      {"gender", text("m"), ""},
-      {"gender", text("f"), ""},
-      {"gender", text("M"), gender},
-      {"gender", text("male"), gender},
-      {"name", text("x"), ""},
-      {"name", text(""), "-"},
-      {"name", AnyValue(2.5), "!"},
-      {"birthyear", text("1990"), wrongType("birthyear", "int"), "xCheckTypeConsistency"},
-      {"name", AnyValue(true), wrongType("name", "string"), "xCheckTypeConsistency"},
-      {"age", AnyValue(std::int64_t{3}), ""},
-      // Declared under "timefocuse": refused without a word.
-      {"timefocused", AnyValue(10), "-"},
-  };
+  } cases[] = {{"age", AnyValue(0), ""},
+               {"age", AnyValue(-1), "age can't be a negative"},
+               {"birthyear", AnyValue(0), ""},
+               {"birthyear", AnyValue(-1), "birth year can't be a negative"},
+               {"birthyear", AnyValue(std::int64_t{5000000000}), ""},
+               {"age", AnyValue(std::int64_t{3}), ""},
+               {"firstencounter", AnyValue(-1), "first encounter value can't be a negative"},
+               {"lastseen", AnyValue(std::int64_t{-1}), "last seen value can't be a negative"},
+               {"birthmonth", AnyValue(1), ""},
+               {"birthmonth", AnyValue(12), ""},
+               {"birthmonth", AnyValue(0), month},
+               {"birthmonth", AnyValue(13), month},
+               {"birthmonth", AnyValue(std::int64_t{4294967297}), ""},  // judged on the low 32 bits
+               {"birthday", AnyValue(31), ""},
+               {"birthday", AnyValue(0), day},
+               {"birthday", AnyValue(32), day},
+               {"gender", text("m"), ""},
+               {"gender", text("f"), ""},
+               {"gender", text("M"), gender},
+               {"gender", text("male"), gender},
+               {"name", text("x"), ""},
+               {"name", text(""), "-"},
+               {"name", AnyValue(2.5), "!"},
+               {"birthyear", text("1990"), wrongType("birthyear", "int"), "xCheckTypeConsistency"},
+               {"name", AnyValue(true), wrongType("name", "string"), "xCheckTypeConsistency"},
+               // Declared under "timefocuse": refused without a word.
+               {"timefocused", AnyValue(10), "-"}};
   for (const auto& c : cases) {
     triplets->inner().remove(kOwn, "7", "?", "?");
     capture.clear();
@@ -304,12 +265,10 @@ TEST_F(DataStoreTest, ANameOutsideTheSchemaTakesTheTypeOfItsLatestValueOrThrowsW
   const struct {
     AnyValue value;
     std::string type;  // "-" when it throws
-  } cases[] = {
-      {text("Ada"), "string"},  {AnyValue(-4), "int"},
-      {AnyValue(true), "bool"}, {AnyValue(std::int64_t{3}), "-"},
-      {AnyValue(1.5), "-"},     {AnyValue(Ids{1}), "-"},
-      {AnyValue(), "-"},
-  };
+  } cases[] = {{text("Ada"), "string"},  {AnyValue(-4), "int"},
+               {AnyValue(true), "bool"}, {AnyValue(std::int64_t{3}), "-"},
+               {AnyValue(1.5), "-"},     {AnyValue(Ids{1}), "-"},
+               {AnyValue(), "-"}};
   for (const auto& c : cases) {
     if (c.type == "-") {
       EXPECT_THROW(store->xCheckDataRange("nickname", c.value), std::out_of_range)
@@ -361,15 +320,13 @@ TEST_F(DataStoreTest, RemovingADatumRemovesEveryObjectOfItAndNamesTheServiceDoma
 }
 
 TEST_F(DataStoreTest, RemovingAUserSparesThePhotoStorageDomainsOtherUsersAndTypeRecords) {
-  const Rows seeded = {
-      {kOwn, "7", "name", "Ada"},
-      {kPhotos, "7", "photo", "p1"},
-      {kOther, "7", "score", "3"},
-      {kPhotos + ".config", "7", "album", "a1"},
-      {kPhotos + ".backup", "7", "photo", "p2"},
-      {"Com.quorvelin.photostorage", "7", "photo", "p3"},
-      {kOwn, "8", "name", "Bob"},
-  };
+  const Rows seeded = {{kOwn, "7", "name", "Ada"},
+                       {kPhotos, "7", "photo", "p1"},
+                       {kOther, "7", "score", "3"},
+                       {kPhotos + ".config", "7", "album", "a1"},
+                       {kPhotos + ".backup", "7", "photo", "p2"},
+                       {"Com.quorvelin.photostorage", "7", "photo", "p3"},
+                       {kOwn, "8", "name", "Bob"}};
   seed(seeded);
   store->removeUser(7);
   EXPECT_EQ(rowsOf(7), (Rows{seeded[1], seeded[3]}));
@@ -413,12 +370,10 @@ TEST_F(AgeTest, CountsWholeYearsWithTheBirthdayCountingAndStoresTheAgeItComputed
     int year, month, day;
     QDate today;
     int age;
-  } cases[] = {
-      {1990, 6, 15, QDate(2026, 6, 14), 35}, {1990, 6, 15, QDate(2026, 6, 15), 36},
-      {1990, 12, 31, QDate(2027, 1, 1), 36}, {1992, 2, 29, QDate(2025, 12, 31), 33},
-      {1992, 2, 29, QDate(2026, 1, 1), 34},  {1992, 2, 29, QDate(2028, 2, 28), 35},
-      {1992, 2, 29, QDate(2028, 2, 29), 36}, {2026, 6, 15, QDate(2026, 6, 15), 0},
-  };
+  } cases[] = {{1990, 6, 15, QDate(2026, 6, 14), 35}, {1990, 6, 15, QDate(2026, 6, 15), 36},
+               {1990, 12, 31, QDate(2027, 1, 1), 36}, {1992, 2, 29, QDate(2025, 12, 31), 33},
+               {1992, 2, 29, QDate(2026, 1, 1), 34},  {1992, 2, 29, QDate(2028, 2, 28), 35},
+               {1992, 2, 29, QDate(2028, 2, 29), 36}, {2026, 6, 15, QDate(2026, 6, 15), 0}};
   for (const auto& c : cases) {
     storeBirth(c.year, c.month, c.day);
     seed({{kOwn, "7", "age", "99"}});
@@ -454,8 +409,7 @@ TEST_F(AgeTest, WithoutAValidBirthDateTheReasonIsLoggedAndTheStoredAgeOrNothingI
       {{{kOwn, "7", "birthyear", "0"},
         {kOwn, "7", "birthmonth", "1"},
         {kOwn, "7", "birthday", "1"}},
-       date},
-  };
+       date}};
   for (const auto& c : cases) {
     for (const bool ageStored : {false, true}) {
       triplets->inner().remove(kOwn, "7", "?", "?");
@@ -489,10 +443,8 @@ TEST_F(AgeTest, ABirthDatumStoredButNotAnIntegerFailsTheAgeWithTheConversionErro
     const char* what;
     Rows spoil;
     std::string untypedName;
-  } cases[] = {
-      {"a month that does not parse", {{kOwn, "7", "birthmonth", "June"}}, ""},
-      {"a year without a type record", {}, "birthyear"},
-  };
+  } cases[] = {{"a month that does not parse", {{kOwn, "7", "birthmonth", "June"}}, ""},
+               {"a year without a type record", {}, "birthyear"}};
   for (const auto& c : cases) {
     store = makeStore();  // declares the types again
     storeBirth(1990, 6, 15);

@@ -11,17 +11,22 @@
 
 namespace userinfo_test {
 
-std::ostream& operator<<(std::ostream& out, const LogLine& line) {
-  return out << "[" << static_cast<int>(line.level) << " " << line.category << " " << line.function
-             << " '" << line.file << "':" << line.line << "] " << line.message;
+namespace {
+
+LogLine lineOf(ka::LogLevel level, const std::string& category, const std::string& function,
+               const std::string& message, const std::string& file = "", int line = 0) {
+  return std::to_string(static_cast<int>(level)) + " " + category + " " + function + " '" + file +
+         "':" + std::to_string(line) + " " + message;
 }
 
+}  // namespace
+
 LogLine storeLine(ka::LogLevel level, const std::string& function, const std::string& message) {
-  return {level, "QVUserInfoPrivate", function, message, "", 0};
+  return lineOf(level, "QVUserInfoPrivate", function, message);
 }
 
 LogLine frontLine(ka::LogLevel level, const std::string& function, const std::string& message) {
-  return {level, "QVUserInfo", function, message, "", 0};
+  return lineOf(level, "QVUserInfo", function, message);
 }
 
 LogLine serviceAbsent() {
@@ -29,17 +34,25 @@ LogLine serviceAbsent() {
                    "Serice \"QVUserSession\" is needed but not yet registered");
 }
 
-std::ostream& operator<<(std::ostream& out, const StoreCall& call) {
-  out << call.method << "(";
-  for (std::size_t i = 0; i < call.args.size(); ++i) {
-    out << (i ? ", " : "") << '"' << call.args[i] << '"';
+StoreCall storeCall(const std::string& method, const Strings& args) {
+  std::string call = method + "(";
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    call += (i ? ", " : "") + args[i];
   }
-  return out << ")";
+  return call + ")";
 }
 
-std::ostream& operator<<(std::ostream& out, const Emission& emission) {
-  return out << "(" << emission.userId << ", " << emission.dataName << ", " << emission.value
-             << ")";
+Emission emission(int userId, const std::string& name, const std::string& value) {
+  return std::to_string(userId) + " " + name + (value.empty() ? "" : " " + value);
+}
+
+std::string errorOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "";
 }
 
 std::string describe(const ka::AnyValue& value) {
@@ -63,7 +76,7 @@ template <typename F>
 auto RecordingStore::recorded(const char* method, Strings args, F&& call) const {
   {
     std::lock_guard lock(mutex_);
-    calls_.push_back({method, std::move(args)});
+    calls_.push_back(storeCall(method, args));
     if (!failing_.empty() && failing_ == method) {
       throw QV::KnowledgeStoreError(failure_);
     }
@@ -129,7 +142,7 @@ LogCapture::LogCapture()
           return;
         }
         std::lock_guard lock(state->mutex);
-        state->lines.push_back({m.level, m.category, m.function, m.message, m.file, m.line});
+        state->lines.push_back(lineOf(m.level, m.category, m.function, m.message, m.file, m.line));
       }) {}
 
 LogLines LogCapture::lines() const {
@@ -233,14 +246,14 @@ void FrontTest::startFront() {
       ->connect("userInfoEdited",
                 [received](int userId, const std::string& name, const ka::AnyValue& value) {
                   std::lock_guard lock(received->mutex);
-                  received->edited.push_back({userId, name, describe(value)});
+                  received->edited.push_back(emission(userId, name, describe(value)));
                 })
       .value(kWaitMs);
   client
       ->connect("userInfoRemoved",
                 [received](int userId, const std::string& name) {
                   std::lock_guard lock(received->mutex);
-                  received->removed.push_back({userId, name, ""});
+                  received->removed.push_back(emission(userId, name));
                 })
       .value(kWaitMs);
   forget();

@@ -23,7 +23,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -38,34 +37,19 @@ inline const std::string kOwn = "com.quorvelin.userinfo";
 inline const std::string kOther = "com.example.other";
 inline const std::string kPhotos = "com.quorvelin.photostorage";
 
-// One log line of the service's categories; the service never gives a file or a line.
-struct LogLine {
-  ka::LogLevel level;
-  std::string category;
-  std::string function;
-  std::string message;
-  std::string file;
-  int line = 0;
-  bool operator==(const LogLine& o) const {
-    return level == o.level && category == o.category && function == o.function &&
-           message == o.message && file == o.file && line == o.line;
-  }
-};
-std::ostream& operator<<(std::ostream& out, const LogLine& line);
+// A log line of the service's categories, "<level> <category> <function> '<file>':<line>
+// <message>"; the service never gives a file or a line.
+using LogLine = std::string;
 using LogLines = std::vector<LogLine>;
 LogLine storeLine(ka::LogLevel level, const std::string& function, const std::string& message);
 LogLine frontLine(ka::LogLevel level, const std::string& function, const std::string& message);
 // What an operation that needs "QVUserSession" logs while there is none.
 LogLine serviceAbsent();
 
-// One call the knowledge store received.
-struct StoreCall {
-  std::string method;
-  Strings args;
-  bool operator==(const StoreCall& o) const { return method == o.method && args == o.args; }
-};
-std::ostream& operator<<(std::ostream& out, const StoreCall& call);
+// A call the knowledge store received, "<method>(<arg>, ...)".
+using StoreCall = std::string;
 using StoreCalls = std::vector<StoreCall>;
+StoreCall storeCall(const std::string& method, const Strings& args);
 
 // The triplets behind "QVKnowledge": an in-memory store that records every call it receives and
 // fails the calls of one method on request.
@@ -140,17 +124,11 @@ class UserInfoTest : public ::testing::Test {
   LogCapture capture;
 };
 
-// One emission of userInfoEdited (with the value's signature and text) or userInfoRemoved.
-struct Emission {
-  int userId;
-  std::string dataName;
-  std::string value;  // "<signature>:<text>", "" for userInfoRemoved
-  bool operator==(const Emission& o) const {
-    return userId == o.userId && dataName == o.dataName && value == o.value;
-  }
-};
-std::ostream& operator<<(std::ostream& out, const Emission& emission);
+// An emission of userInfoEdited, "<id> <name> <describe(value)>", or userInfoRemoved,
+// "<id> <name>".
+using Emission = std::string;
 using Emissions = std::vector<Emission>;
+Emission emission(int userId, const std::string& name, const std::string& value = "");
 
 // A "QVUserSession" whose answers are fixed, for what the real service never does:
 // "doesUserExist" throws `checkFailure` unless it is empty.
@@ -185,6 +163,9 @@ class FrontTest : public UserInfoTest {
   };
   std::shared_ptr<Received> received_ = std::make_shared<Received>();
 };
+
+// The text of what `f` throws, "" when it returns.
+std::string errorOf(const std::function<void()>& f);
 
 // A value as "<signature>:<text>", "v:" for the void value and ":" for the empty one.
 std::string describe(const ka::AnyValue& value);

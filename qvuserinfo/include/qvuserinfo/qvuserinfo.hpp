@@ -11,6 +11,7 @@
 #include <ka/signal.hpp>
 
 #include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include <memory>
 #include <mutex>
@@ -118,10 +119,16 @@ class QVUSERINFO_API QVUserInfo {
   // Follows "QVUserSession" and holds the handle of the instance that is there, if any. Ended
   // first by the destructor: once it is gone no new subscription can appear.
   std::unique_ptr<ka::ServiceWatcher> userSession;
-  // The subscriptions to the user signals of every instance that arrived, kept after it left
-  // (an instance that lives on still announces deletions); each holds its instance weakly.
+  // The subscriptions to the user signals of an instance that arrived, kept after it left (an
+  // instance that lives on still announces deletions) until the instance is gone; they hold it
+  // weakly.
+  struct UserSessionSubscriptions {
+    boost::weak_ptr<ka::GenericObject> instance;
+    ka::ScopedConnection createdUsers;
+    ka::ScopedConnection deletedUsers;
+  };
   mutable std::mutex subscriptionsMutex;
-  std::vector<ka::ScopedConnection> subscriptions;  // guarded by subscriptionsMutex
+  std::vector<UserSessionSubscriptions> subscriptions;  // guarded by subscriptionsMutex
   // _set checks its user, then writes; a deletion committed in between is erased by a queued
   // delivery that may run before the write lands. The deliveries record the users they erase
   // while writes are in flight, and each write looks for its user there when it is done: either
