@@ -1,6 +1,6 @@
-# Fails unless every global symbol that libqvuserinfo defines in its dynamic symbol table belongs to
-# QV::QVUserInfo: anything else exported could be bound by the dynamic linker in place of another
-# library's copy, or be relied upon by users as if it were interface.
+# Fails unless every global symbol that libqvuserinfo defines in its dynamic symbol table belongs
+# to QV::QVUserInfo: anything else exported could be bound by the dynamic linker in place of
+# another library's copy, or be relied upon by users as if it were interface.
 # Usage: cmake -DNM=<nm> -DLIBRARY=<libqvuserinfo.so> -P exported_symbols.cmake
 execute_process(COMMAND ${NM} -D --defined-only --demangle ${LIBRARY}
                 OUTPUT_VARIABLE listing ERROR_VARIABLE errors RESULT_VARIABLE status)

@@ -2,12 +2,13 @@
 // KnowledgeClient: the knowledge store service "QVKnowledge" called through the middleware with
 // its own types, on a handle from a session, whether the service runs in this process or another.
 
-#include <qvknowledge/triplet_store.hpp>
-
 #include <ka/object.hpp>
 
 #include <string>
 #include <vector>
+
+// Marks the symbols that libqvknowledge exports (the same definition as the store's header).
+#define QVKNOWLEDGE_API __attribute__((visibility("default")))
 
 namespace QV {
 
