@@ -84,7 +84,8 @@ TEST_P(ServiceWatcherTest, AServiceThereAlreadyIsCurrentAtOnceAndLetGoWithTheWat
   const boost::weak_ptr<ka::GenericObject> seen = watcher->current().asGenericObject();
   const long held = seen.use_count();
   watcher.reset();
-  EXPECT_EQ(seen.use_count(), held - 1) << "the handle outlived the watcher";
+  // Less, not one less: a connection may still hold the handle of a call that just ended.
+  EXPECT_LT(seen.use_count(), held) << "the handle outlived the watcher";
 
   // Once the directory has announced the departure here, a watcher still subscribed had heard.
   watchDirectory(watching, directory);

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 namespace {
 
@@ -117,6 +118,11 @@ TEST_P(UserSessionClientTest, ASubscriptionDoesNotKeepTheServiceAlive) {
   users = QV::UserSessionClient();
   client->close();
   owner->close();
+  // A connection lets go of its objects on its own thread, soon after it closed.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  while (!handle.expired() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
   EXPECT_TRUE(handle.expired());
   EXPECT_TRUE(subscription.isConnected());
 }
