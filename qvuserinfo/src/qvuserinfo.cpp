@@ -6,8 +6,9 @@
 #include "qvuserinfoprivate.hpp"
 
 #include <qverror/qverror.hpp>
+#include <qvknowledge/knowledge_client.hpp>
+#include <qvusersession/usersession_client.hpp>
 
-#include <ka/anyfunction.hpp>
 #include <ka/future.hpp>
 #include <ka/log.hpp>
 #include <ka/objecttypebuilder.hpp>
@@ -24,18 +25,20 @@ namespace {
 const std::string defaultDomain = "com.quorvelin.userinfo";
 const ka::log::CategoryPtr logCategory = ka::log::addCategory("QVUserInfo");
 
-constexpr const char* kUserSessionName = "QVUserSession";
-constexpr int kWaitForever = ka::FutureTimeout_Infinite;
-
 // The error every failure to follow "ServiceDirectory" becomes.
 QVError directoryError(unsigned int line) {
   return QVError("QVUserInfo", "QVUserInfo()", "Can't find service \"ServiceDirectory\"",
                  "src/qvuserinfo", line);
 }
 
-template <typename F>
-ka::SignalSubscriber subscriberOf(F f, ka::MetaCallType callType) {
-  return ka::SignalSubscriber(ka::AnyFunction::from(std::move(f)), callType);
+// The user-session service there now, or an empty client (logged) when there is none.
+UserSessionClient userSessionNow(const ka::ServiceWatcher& watcher) {
+  UserSessionClient client(watcher.current());
+  if (!client.isValid()) {
+    KA_LOG_AT(ka::LogLevel::Error, logCategory, "xCheckUserSession")
+        << "Serice \"" << UserSessionClient::kServiceName << "\" is needed but not yet registered";
+  }
+  return client;
 }
 
 }  // namespace
@@ -45,79 +48,41 @@ struct QVUserInfo::DeliveryGate {
   bool open = true;  // guarded by mutex
 };
 
-QVUserInfo::QVUserInfo(const boost::shared_ptr<ka::Session>& session_)
-    : session(session_), deliveryGate(std::make_shared<DeliveryGate>()) {
+QVUserInfo::QVUserInfo(const boost::shared_ptr<ka::Session>& session)
+    : deliveryGate(std::make_shared<DeliveryGate>()) {
   // The knowledge store is not guarded: its lookup error is the caller's to see as it is.
-  auto knowledge =
-      boost::make_shared<ka::AnyObject>(session->service("QVKnowledge", "").value(kWaitForever));
+  KnowledgeClient knowledge(
+      session->service(KnowledgeClient::kServiceName).value(ka::FutureTimeout_Infinite));
   dataStore = boost::make_shared<QVUserInfoPrivate>(std::move(knowledge));
 
+  ka::ServiceWatcher::Callbacks callbacks;
+  callbacks.arrived = [this](const ka::AnyObject& service) { xSubscribeToUserSession(service); };
+  callbacks.lookupFailed = [] {
+    KA_LOG_AT(ka::LogLevel::Error, logCategory, "xConnectUserSessionService")
+        << "Can't find service \"" << UserSessionClient::kServiceName << "\"";
+  };
   try {
-    serviceDirectory = boost::make_shared<ka::AnyObject>(
-        session->service(ka::Session::kDirectoryName, "").value(kWaitForever));
-    if (!serviceDirectory) {
-      throw directoryError(31);
-    }
-    directoryLinks.push_back(
-        (*serviceDirectory)
-            ->connect("serviceAdded", subscriberOf(
-                                          [this](int serviceId, const std::string& name) {
-                                            xUserSessionRegistered(serviceId, name);
-                                          },
-                                          ka::MetaCallType::Auto))
-            .value(kWaitForever));
-    directoryLinks.push_back(
-        (*serviceDirectory)
-            ->connect("serviceRemoved", subscriberOf(
-                                            [this](int serviceId, const std::string& name) {
-                                              xUserSessionUnregistered(serviceId, name);
-                                            },
-                                            ka::MetaCallType::Auto))
-            .value(kWaitForever));
+    userSession = std::make_unique<ka::ServiceWatcher>(session, UserSessionClient::kServiceName,
+                                                       std::move(callbacks));
   } catch (...) {
-    // A subscription already made would call into an object that never came to be.
-    for (const ka::SignalLink link : directoryLinks) {
-      try {
-        (void)(*serviceDirectory)->disconnect(link).wait(kWaitForever);
-      } catch (...) {
-      }
-    }
     throw directoryError(43);
   }
-
-  // Subscribed to the directory first, so that a registration right after the probe is seen.
-  if (xIsUserSessionRegistered()) {
-    xConnectUserSessionService();
-  } else {
+  if (!userSession->current()) {
     KA_LOG_AT(ka::LogLevel::Verbose, logCategory, "QVUserInfo")
-        << "Service \"QVUserSession\" is not registered yet";
+        << "Service \"" << UserSessionClient::kServiceName << "\" is not registered yet";
   }
 }
 
 QVUserInfo::~QVUserInfo() {
-  // The directory first: once its deliveries have ended, no new user-session link can appear.
-  if (serviceDirectory && serviceDirectory->isValid()) {
-    for (const ka::SignalLink link : directoryLinks) {
-      try {
-        (void)(*serviceDirectory)->disconnect(link).wait(kWaitForever);
-      } catch (...) {
-      }
-    }
-  }
-  std::vector<UserSessionLink> links;
+  // The directory first: once its deliveries have ended, no new subscription can appear.
+  userSession.reset();
+  std::vector<UserSessionSubscriptions> ended;
   {
-    std::lock_guard<std::mutex> lock(userSessionMutex);
-    links.swap(userSessionLinks);
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    ended.swap(subscriptions);
   }
-  for (const UserSessionLink& link : links) {
-    if (const auto object = link.object.lock()) {
-      try {
-        (void)object->disconnect(link.link).wait(kWaitForever);
-      } catch (...) {
-      }
-    }
-  }
-  // Deliveries of an instance whose handle expired were not waited for above.
+  ended.clear();
+  // Deliveries of an instance that is gone were not waited for above.
   std::lock_guard<std::mutex> lock(deliveryGate->mutex);
   deliveryGate->open = false;
 }
@@ -251,93 +216,34 @@ bool QVUserInfo::_removeUser(int userId) const {
 
 // --- Following "QVUserSession" -------------------------------------------------------------
 
-void QVUserInfo::xUserSessionRegistered(int serviceId, const std::string& name) {
-  (void)serviceId;
-  if (name == kUserSessionName) {
-    xConnectUserSessionService();
-  }
-}
-
-void QVUserInfo::xUserSessionUnregistered(int serviceId, const std::string& name) {
-  (void)serviceId;
-  if (name != kUserSessionName) {
-    return;
-  }
-  ServiceHandle released;  // let go outside the lock
-  std::lock_guard<std::mutex> lock(userSessionMutex);
-  ++userSessionDepartures;
-  released.swap(userSession);
-}
-
-bool QVUserInfo::xIsUserSessionRegistered() {
-  try {
-    return session->service(kUserSessionName, "").hasValue(kWaitForever);
-  } catch (...) {
-    return false;
-  }
-}
-
-void QVUserInfo::xConnectUserSessionService() {
-  std::uint64_t departuresBefore = 0;
-  {
-    std::lock_guard<std::mutex> lock(userSessionMutex);
-    departuresBefore = userSessionDepartures;
-  }
-  ServiceHandle handle;
-  try {
-    handle = boost::make_shared<ka::AnyObject>(
-        session->service(kUserSessionName, "").value(kWaitForever));
-  } catch (...) {
-    KA_LOG_AT(ka::LogLevel::Error, logCategory, "xConnectUserSessionService")
-        << "Can't find service \"QVUserSession\"";
-    return;
-  }
-  {
-    ServiceHandle released;  // let go outside the lock
-    std::lock_guard<std::mutex> lock(userSessionMutex);
-    if (userSessionDepartures != departuresBefore) {
-      // The service left while it was being looked up (only the constructor's probe can be
-      // overtaken so): the directory's callbacks own the handle from here.
-      return;
-    }
-    released = std::exchange(userSession, handle);
-  }
-
-  const auto remember = [this, &handle](ka::SignalLink link) {
-    std::lock_guard<std::mutex> lock(userSessionMutex);
-    userSessionLinks.erase(
-        std::remove_if(userSessionLinks.begin(), userSessionLinks.end(),
-                       [](const UserSessionLink& l) { return l.object.expired(); }),
-        userSessionLinks.end());
-    userSessionLinks.push_back({handle->asGenericObject(), link});
+void QVUserInfo::xSubscribeToUserSession(const ka::AnyObject& service) {
+  const UserSessionClient users(service);
+  // Each delivery runs only while the gate is open, holding it.
+  const auto gated = [this,
+                      gate = deliveryGate](void (QVUserInfo::*handler)(const std::vector<int>&)) {
+    return [this, gate, handler](const std::vector<int>& ids) {
+      std::lock_guard<std::mutex> lock(gate->mutex);
+      if (gate->open) {
+        (this->*handler)(ids);
+      }
+    };
   };
+  UserSessionSubscriptions made{service.asGenericObject(), {}, {}};
   try {
-    remember(
-        (*handle)
-            ->connect("createdUsers", subscriberOf(
-                                          [this, gate = deliveryGate](const std::vector<int>& ids) {
-                                            std::lock_guard<std::mutex> lock(gate->mutex);
-                                            if (gate->open) {
-                                              xOnCreatedUsers(ids);
-                                            }
-                                          },
-                                          ka::MetaCallType::Queued))
-            .value(kWaitForever));
-    remember(
-        (*handle)
-            ->connect("deletedUsers", subscriberOf(
-                                          [this, gate = deliveryGate](const std::vector<int>& ids) {
-                                            std::lock_guard<std::mutex> lock(gate->mutex);
-                                            if (gate->open) {
-                                              xOnDeletedUsers(ids);
-                                            }
-                                          },
-                                          ka::MetaCallType::Queued))
-            .value(kWaitForever));
+    made.createdUsers =
+        users.onCreatedUsers(gated(&QVUserInfo::xOnCreatedUsers), ka::MetaCallType::Queued);
+    made.deletedUsers =
+        users.onDeletedUsers(gated(&QVUserInfo::xOnDeletedUsers), ka::MetaCallType::Queued);
   } catch (...) {
     KA_LOG_AT(ka::LogLevel::Error, logCategory, "xConnectUserSessionService")
-        << "Could not connect to \"QVUserSession\" signals";
+        << "Could not connect to \"" << UserSessionClient::kServiceName << "\" signals";
   }
+  std::lock_guard<std::mutex> lock(subscriptionsMutex);
+  subscriptions.erase(
+      std::remove_if(subscriptions.begin(), subscriptions.end(),
+                     [](const UserSessionSubscriptions& s) { return s.instance.expired(); }),
+      subscriptions.end());
+  subscriptions.push_back(std::move(made));
 }
 
 void QVUserInfo::xOnCreatedUsers(const std::vector<int>& userIds) {
@@ -374,38 +280,24 @@ bool QVUserInfo::xEndWrite(int userId) {
   return erased;
 }
 
-QVUserInfo::ServiceHandle QVUserInfo::xUserSession() const {
-  std::lock_guard<std::mutex> lock(userSessionMutex);
-  return userSession;
-}
-
-bool QVUserInfo::xCheckUserSession(const ServiceHandle& handle) {
-  if (handle) {
-    return true;
-  }
-  KA_LOG_AT(ka::LogLevel::Error, logCategory, "xCheckUserSession")
-      << "Serice \"QVUserSession\" is needed but not yet registered";
-  return false;
-}
-
 int QVUserInfo::xGetFocusedUser() const {
-  const ServiceHandle handle = xUserSession();
-  if (!xCheckUserSession(handle)) {
-    return -1;
+  const UserSessionClient users = userSessionNow(*userSession);
+  if (!users.isValid()) {
+    return UserSessionClient::kNoUser;
   }
-  const int userId = (*handle)->call<int>("getFocusedUser");
-  if (userId == -1) {
+  const int userId = users.getFocusedUser();
+  if (userId == UserSessionClient::kNoUser) {
     KA_LOG_AT(ka::LogLevel::Error, logCategory, "xGetFocusedUser") << "There is no focused user";
   }
   return userId;
 }
 
 bool QVUserInfo::xCheckUser(int userId) const {
-  const ServiceHandle handle = xUserSession();
-  if (!xCheckUserSession(handle)) {
+  const UserSessionClient users = userSessionNow(*userSession);
+  if (!users.isValid()) {
     return false;
   }
-  if ((*handle)->call<bool>("doesUserExist", userId)) {
+  if (users.doesUserExist(userId)) {
     return true;
   }
   xLogUnknownUser(userId);

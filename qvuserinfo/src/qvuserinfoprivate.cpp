@@ -54,20 +54,13 @@ std::string withLongAsInt(std::string signature) {
 
 }  // namespace
 
-QVUserInfoPrivate::QVUserInfoPrivate(KnowledgeHandle knowledgeHandle, DateSource todaySource)
-    : knowledge(std::move(knowledgeHandle)), today(std::move(todaySource)) {
+QVUserInfoPrivate::QVUserInfoPrivate(KnowledgeClient knowledgeClient, DateSource todaySource)
+    : knowledge(std::move(knowledgeClient)), today(std::move(todaySource)) {
   xInitDataTypes();
   xInitTypeNames();
 }
 
 QVUserInfoPrivate::~QVUserInfoPrivate() = default;
-
-ka::GenericObject& QVUserInfoPrivate::xKnowledge() const {
-  if (!knowledge || !knowledge->isValid()) {
-    throw std::runtime_error("This object is null");
-  }
-  return **knowledge;
-}
 
 void QVUserInfoPrivate::xInitDataTypes() {
   std::map<std::string, std::string> declarations;  // walked in byte order of the keys
@@ -76,7 +69,7 @@ void QVUserInfoPrivate::xInitDataTypes() {
     declarations.emplace(entry.declarationKey, entry.typeName);
   }
   for (const auto& [key, typeName] : declarations) {
-    xKnowledge().call<void>("update", defaultDomain, key, userdata::kRangeType, typeName);
+    knowledge.update(defaultDomain, key, userdata::kRangeType, typeName);
   }
 }
 
@@ -108,8 +101,7 @@ std::string QVUserInfoPrivate::xTypeNameInserting(const std::string& signature) 
 
 std::string QVUserInfoPrivate::getType(const std::string& domain,
                                        const std::string& dataName) const {
-  const auto objects = xKnowledge().call<std::vector<std::string>>("getObject", domain, dataName,
-                                                                   userdata::kRangeType);
+  const auto objects = knowledge.getObject(domain, dataName, userdata::kRangeType);
   return objects.empty() ? std::string() : objects.front();
 }
 

@@ -4,11 +4,9 @@
 // range before writing, converts them back when reading, and derives the age from the birth date.
 // Internal to libqvuserinfo: the service front owns one and forwards to it.
 
-#include <ka/anyvalue.hpp>
-#include <ka/genericobject.hpp>
-#include <ka/object.hpp>
+#include <qvknowledge/knowledge_client.hpp>
 
-#include <boost/shared_ptr.hpp>
+#include <ka/anyvalue.hpp>
 
 #include <QDate>
 
@@ -37,13 +35,12 @@ enum DataId : std::int32_t {
 
 class QVUserInfoPrivate {
  public:
-  using KnowledgeHandle = boost::shared_ptr<ka::Object<ka::Empty>>;
   // Today's date as the age computation sees it: the local calendar date in production.
   using DateSource = std::function<QDate()>;
 
   // Declares the built-in types in the store (eleven blocking calls). Throws std::runtime_error
   // "This object is null" when `knowledge` holds no object; remote errors pass through.
-  explicit QVUserInfoPrivate(KnowledgeHandle knowledge, DateSource today = &QDate::currentDate);
+  explicit QVUserInfoPrivate(KnowledgeClient knowledge, DateSource today = &QDate::currentDate);
   virtual ~QVUserInfoPrivate();
   QVUserInfoPrivate(const QVUserInfoPrivate&) = delete;
   QVUserInfoPrivate& operator=(const QVUserInfoPrivate&) = delete;
@@ -94,14 +91,13 @@ class QVUserInfoPrivate {
  private:
   void xInitDataTypes();
   void xInitTypeNames();
-  // The knowledge object; throws std::runtime_error "This object is null" when there is none.
-  ka::GenericObject& xKnowledge() const;
   // The type name of a signature, if the table has it.
   bool xLookupTypeName(const std::string& signature, std::string& typeName) const;
   // The type name of a signature, entering the signature with an empty name when it is missing.
   std::string xTypeNameInserting(const std::string& signature);
 
-  const KnowledgeHandle knowledge;
+  // Every call throws std::runtime_error "This object is null" when it holds no object.
+  const KnowledgeClient knowledge;
   // Guards typeNames, the one table that may change after construction. Never held across a
   // remote call.
   mutable std::shared_mutex typeNamesMutex;

@@ -49,8 +49,7 @@ bool QVUserInfoPrivate::xCheckDataRange(const std::string& dataName,
     if (!xLookupTypeName(userdata::signatureOf(value), typeName)) {
       throw std::out_of_range("map::at:  key not found");
     }
-    xKnowledge().call<void>("update", userdata::defaultDomain, dataName, userdata::kRangeType,
-                            typeName);
+    knowledge.update(userdata::defaultDomain, dataName, userdata::kRangeType, typeName);
     return true;
   }
   if (!xCheckTypeConsistency(dataName, value, userdata::defaultDomain)) {

@@ -53,8 +53,7 @@ ka::AnyValue QVUserInfoPrivate::get(int userId, const std::string& dataName,
       return ka::AnyValue(age);
     }
   }
-  const auto objects =
-      xKnowledge().call<std::vector<std::string>>("getObject", domain, subjectOf(userId), dataName);
+  const auto objects = knowledge.getObject(domain, subjectOf(userId), dataName);
   if (objects.empty()) {
     return ka::AnyValue();
   }
@@ -75,8 +74,7 @@ ka::AnyValue QVUserInfoPrivate::get(int userId, const std::string& dataName,
 
 bool QVUserInfoPrivate::contains(int userId, const std::string& dataName,
                                  const std::string& domain) const {
-  return xKnowledge().call<bool>("contains", domain, subjectOf(userId), dataName,
-                                 kAnyInContainsOrRemove);
+  return knowledge.contains(domain, subjectOf(userId), dataName, kAnyInContainsOrRemove);
 }
 
 bool QVUserInfoPrivate::update(int userId, const std::string& dataName, const ka::AnyValue& value) {
@@ -84,7 +82,7 @@ bool QVUserInfoPrivate::update(int userId, const std::string& dataName, const ka
   if (text.empty() || !xCheckDataRange(dataName, value)) {
     return false;
   }
-  xKnowledge().call<void>("update", defaultDomain, subjectOf(userId), dataName, text);
+  knowledge.update(defaultDomain, subjectOf(userId), dataName, text);
   return true;
 }
 
@@ -99,9 +97,8 @@ bool QVUserInfoPrivate::set(int userId, const std::string& dataName, const ka::A
   }
   // Typed by the raw signature: a 64-bit integer gets an empty type name here.
   const std::string typeName = xTypeNameInserting(userdata::signatureOf(value));
-  ka::GenericObject& store = xKnowledge();
-  store.call<void>("update", domain, dataName, userdata::kRangeType, typeName);
-  store.call<void>("update", domain, subjectOf(userId), dataName, text);
+  knowledge.update(domain, dataName, userdata::kRangeType, typeName);
+  knowledge.update(domain, subjectOf(userId), dataName, text);
   return true;
 }
 
@@ -110,8 +107,7 @@ bool QVUserInfoPrivate::remove(int userId, const std::string& dataName) {
     logAbsent(dataName);
     return false;
   }
-  xKnowledge().call<void>("remove", defaultDomain, subjectOf(userId), dataName,
-                          kAnyInContainsOrRemove);
+  knowledge.remove(defaultDomain, subjectOf(userId), dataName, kAnyInContainsOrRemove);
   return true;
 }
 
@@ -123,16 +119,16 @@ bool QVUserInfoPrivate::remove(int userId, const std::string& dataName, const st
     logAbsent(dataName);
     return false;
   }
-  xKnowledge().call<void>("remove", domain, subjectOf(userId), dataName, kAnyInContainsOrRemove);
+  knowledge.remove(domain, subjectOf(userId), dataName, kAnyInContainsOrRemove);
   return true;
 }
 
 void QVUserInfoPrivate::removeUser(int userId) {
-  const auto rows = xKnowledge().call<std::vector<std::vector<std::string>>>(
-      "queryTriplet", kAnyInQuery, subjectOf(userId), kAnyInQuery, kAnyInQuery);
+  const auto rows =
+      knowledge.queryTriplet(kAnyInQuery, subjectOf(userId), kAnyInQuery, kAnyInQuery);
   for (const auto& row : rows) {
     if (!isPhotoStorage(row.at(0))) {
-      xKnowledge().call<void>("remove", row.at(0), row.at(1), row.at(2), row.at(3));
+      knowledge.remove(row.at(0), row.at(1), row.at(2), row.at(3));
     }
   }
 }
@@ -141,8 +137,7 @@ bool QVUserInfoPrivate::removeUser(int userId, const std::string& domain) {
   if (refusesOwnDomain(domain, "removeUser")) {
     return false;
   }
-  xKnowledge().call<void>("remove", domain, subjectOf(userId), kAnyInContainsOrRemove,
-                          kAnyInContainsOrRemove);
+  knowledge.remove(domain, subjectOf(userId), kAnyInContainsOrRemove, kAnyInContainsOrRemove);
   return true;
 }
 

@@ -9,5 +9,6 @@
 #include <ka/log.hpp>
 #include <ka/object.hpp>
 #include <ka/objecttypebuilder.hpp>
+#include <ka/servicewatcher.hpp>
 #include <ka/session.hpp>
 #include <ka/signal.hpp>

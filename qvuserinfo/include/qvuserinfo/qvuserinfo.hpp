@@ -5,15 +5,14 @@
 // middleware when it is loaded; the host constructs one on a session and publishes it.
 
 #include <ka/anyvalue.hpp>
-#include <ka/metacalltype.hpp>
-#include <ka/object.hpp>
+#include <ka/scopedconnection.hpp>
+#include <ka/servicewatcher.hpp>
 #include <ka/session.hpp>
 #include <ka/signal.hpp>
 
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -99,51 +98,37 @@ class QVUSERINFO_API QVUserInfo {
   bool checkDateValidity(const std::string& date);
 
  private:
-  using ServiceHandle = boost::shared_ptr<ka::Object<ka::Empty>>;
-  // A subscription to a "QVUserSession" instance, to be disconnected if that instance still
-  // exists when this object goes.
-  struct UserSessionLink {
-    boost::weak_ptr<ka::GenericObject> object;
-    ka::SignalLink link;
-  };
-
-  // "ServiceDirectory" subscribers: react to "QVUserSession" by exact name only.
-  void xUserSessionRegistered(int serviceId, const std::string& name);
-  void xUserSessionUnregistered(int serviceId, const std::string& name);
-  // Whether "QVUserSession" can be looked up now; never throws.
-  bool xIsUserSessionRegistered();
-  // Looks "QVUserSession" up, keeps the handle and subscribes to its user signals; logs and
-  // returns on failure, never throws.
-  void xConnectUserSessionService();
+  // Subscribes to the user signals of an instance of "QVUserSession" that has just arrived; logs
+  // and returns on failure, never throws.
+  void xSubscribeToUserSession(const ka::AnyObject& service);
   void xOnCreatedUsers(const std::vector<int>& userIds);
   // Erases the data of each deleted user, in list order, without signals.
   void xOnDeletedUsers(const std::vector<int>& userIds);
 
-  // Whether `handle`, a snapshot of userSession, is set (logged when not).
-  static bool xCheckUserSession(const ServiceHandle& handle);
   // The focused user, or -1 (logged) when there is none or no user-session service.
   int xGetFocusedUser() const;
   // Whether "QVUserSession" knows `userId` (logged when not).
   bool xCheckUser(int userId) const;
   static void xLogUnknownUser(int userId);
-  // The current "QVUserSession" handle, possibly empty.
-  ServiceHandle xUserSession() const;
   // Brackets a write that checked its user: begin before the check; end after the write, true
   // when a deletion of the user was handled meanwhile, in which case the caller undoes the write.
   void xBeginWrite();
   bool xEndWrite(int userId);
 
-  boost::shared_ptr<ka::Session> session;
   boost::shared_ptr<QVUserInfoPrivate> dataStore;
-  boost::shared_ptr<ka::Object<ka::Empty>> serviceDirectory;
-  // Replaced by directory callbacks while calls read it on other threads: copied or swapped
-  // under userSessionMutex, which is never held across a remote call.
-  boost::shared_ptr<ka::Object<ka::Empty>> userSession;  // guarded by userSessionMutex
-  mutable std::mutex userSessionMutex;
-  // Counts the departures of "QVUserSession", so that a lookup overtaken by one does not install
-  // the handle of a service that is gone.
-  std::uint64_t userSessionDepartures = 0;        // guarded by userSessionMutex
-  std::vector<UserSessionLink> userSessionLinks;  // guarded by userSessionMutex
+  // Follows "QVUserSession" and holds the handle of the instance that is there, if any. Ended
+  // first by the destructor: once it is gone no new subscription can appear.
+  std::unique_ptr<ka::ServiceWatcher> userSession;
+  // The subscriptions to the user signals of an instance that arrived, kept after it left (an
+  // instance that lives on still announces deletions) until the instance is gone; they hold it
+  // weakly.
+  struct UserSessionSubscriptions {
+    boost::weak_ptr<ka::GenericObject> instance;
+    ka::ScopedConnection createdUsers;
+    ka::ScopedConnection deletedUsers;
+  };
+  mutable std::mutex subscriptionsMutex;
+  std::vector<UserSessionSubscriptions> subscriptions;  // guarded by subscriptionsMutex
   // _set checks its user, then writes; a deletion committed in between is erased by a queued
   // delivery that may run before the write lands. The deliveries record the users they erase
   // while writes are in flight, and each write looks for its user there when it is done: either
@@ -152,8 +137,6 @@ class QVUSERINFO_API QVUserInfo {
   mutable std::mutex writesMutex;
   int writesInFlight = 0;          // guarded by writesMutex
   std::set<int> usersErasedSince;  // guarded by writesMutex
-  // Set by the constructor, read by the destructor only.
-  std::vector<ka::SignalLink> directoryLinks;
   // Deliveries of "createdUsers"/"deletedUsers" may still be queued when this object goes, also
   // from an instance whose handle is gone already, whose subscription the destructor can no
   // longer end. Each delivery runs holding the gate, and only while it is open; the destructor
