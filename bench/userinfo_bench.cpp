@@ -22,7 +22,7 @@
 
 #include "bench_store.hpp"
 #include "qvknowledge/knowledge_service.hpp"
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 #include "qvuserinfoprivate.hpp"
 
 namespace {

@@ -124,7 +124,7 @@ UserSessionFile::~UserSessionFile() {
 }
 
 boost::shared_ptr<QV::UserSessionService> UserSessionFile::open() const {
-  return boost::make_shared<QV::UserSessionService>(path_);
+  return boost::make_shared<QV::UserSessionService>(QV::openSqliteUserStore(path_));
 }
 
 void FrontTest::SetUp() {

@@ -5,6 +5,7 @@
 
 #include "userdata_fixture.hpp"
 
+#include <qvsqlite/sqlite_user_store.hpp>
 #include <qvuserinfo/qvuserinfo.hpp>
 #include <qvusersession/usersession_service.hpp>
 

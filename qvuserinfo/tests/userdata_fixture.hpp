@@ -6,6 +6,7 @@
 #include "qvuserinfoprivate.hpp"
 
 #include <qvknowledge/knowledge_service.hpp>
+#include <qvsqlite/sqlite_triplet_store.hpp>
 
 #include <ka/log.hpp>
 #include <ka/session.hpp>

@@ -9,7 +9,7 @@
 
 #include <SQLiteCpp/Database.h>
 
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 #include "sqlite_setup.hpp"
 
 namespace QV::detail {

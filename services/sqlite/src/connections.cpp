@@ -4,8 +4,8 @@
 
 #include "busy_wait.hpp"
 #include "file_inspection.hpp"
-#include "schema.hpp"
 #include "store_error.hpp"
+#include "triplet_schema.hpp"
 
 namespace QV::detail {
 

@@ -9,7 +9,7 @@
 
 #include "checkpointer.hpp"
 #include "prepared_statements.hpp"
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 #include "sqlite_setup.hpp"
 
 namespace QV::detail {

@@ -4,8 +4,8 @@
 
 #include <sqlite3.h>
 
-#include "schema.hpp"
 #include "store_error.hpp"
+#include "triplet_schema.hpp"
 
 namespace QV::detail {
 

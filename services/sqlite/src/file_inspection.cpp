@@ -10,8 +10,8 @@
 #include "busy_wait.hpp"
 #include "file_header.hpp"
 #include "file_identity.hpp"
-#include "schema.hpp"
 #include "store_error.hpp"
+#include "triplet_schema.hpp"
 
 namespace QV::detail {
 

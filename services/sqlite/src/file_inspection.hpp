@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 
 namespace QV::detail {
 

@@ -1,5 +1,11 @@
 #pragma once
-// Process-wide SQLite settings, applied once before the store's first connection opens.
+// What both stores set up the same way: the process-wide SQLite settings, applied once before the
+// first connection of either opens, and the switch of an accepted file to WAL.
+
+#include <chrono>
+#include <string>
+
+#include <SQLiteCpp/Database.h>
 
 namespace QV::detail {
 
@@ -13,5 +19,12 @@ void configureSqliteOnce();
 struct SqliteConfigured {
   SqliteConfigured() { configureSqliteOnce(); }
 };
+
+// Switches `db` to the WAL journal, waiting for the file's exclusive lock with the busy handler's
+// backoff for up to `timeout` (the switch does not call the busy handler itself). Answers "" once
+// the file is in WAL mode, or why it is not, for the store's own error; throws the
+// SQLite::Exception of any other failure. Only an accepted file may be switched: the journal
+// mode is recorded in its header.
+std::string enableWal(SQLite::Database& db, std::chrono::milliseconds timeout);
 
 }  // namespace QV::detail

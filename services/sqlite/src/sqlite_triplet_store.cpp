@@ -1,4 +1,4 @@
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 
 #include <algorithm>
 #include <cstdint>

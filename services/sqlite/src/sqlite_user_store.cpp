@@ -1,23 +1,19 @@
-#include "user_store.hpp"
+#include "sqlite_user_store.hpp"
 
 #include "busy_wait.hpp"
 #include "schema_identity.hpp"
+#include "sqlite_setup.hpp"
 
 #include <algorithm>
 #include <cstdint>
 #include <limits>
-#include <mutex>
+#include <memory>
 #include <set>
 
 #include <SQLiteCpp/Transaction.h>
 #include <sqlite3.h>
 
 namespace QV {
-
-// Out of line so the type information lives in this library only.
-UserSessionError::~UserSessionError() = default;
-UserStore::~UserStore() = default;
-void UserStore::onForeignChange(ForeignChangeHandler) {}
 
 namespace detail {
 
@@ -99,26 +95,6 @@ void checkIntegrity(SQLite::Database& db, const std::string& path) {
   }
 }
 
-// Switching to WAL takes the exclusive lock without calling the busy handler: retried here with
-// the same backoff.
-void enableWal(SQLite::Database& db, const std::string& path, std::chrono::milliseconds timeout) {
-  std::string mode;
-  for (int attempt = 0;; ++attempt) {
-    try {
-      mode = db.execAndGet("PRAGMA journal_mode = WAL").getString();
-      break;
-    } catch (const SQLite::Exception& error) {
-      const int code = error.getErrorCode();
-      if ((code != SQLITE_BUSY && code != SQLITE_LOCKED) || !sleepBeforeRetry(attempt, timeout)) {
-        throw;
-      }
-    }
-  }
-  if (mode != "wal") {
-    throw storeError(path, "cannot use the WAL journal mode (SQLite kept '" + mode + "')");
-  }
-}
-
 // AUTOINCREMENT keeps the largest id ever handed out in sqlite_sequence, so a deleted highest id
 // is not handed out again, across restarts too. At most one focus row, naming a user.
 void createSchema(SQLite::Database& db) {
@@ -127,14 +103,6 @@ void createSchema(SQLite::Database& db) {
           " (slot INTEGER PRIMARY KEY CHECK (slot = 1), user_id INTEGER NOT NULL)");
   db.exec("PRAGMA application_id = " + std::to_string(kUserSessionApplicationId));
   db.exec("PRAGMA user_version = " + std::to_string(kUserSessionSchemaVersion));
-}
-
-// The knowledge store turns off SQLite's allocation statistics, which take a process-wide mutex on
-// every allocation, and SQLite accepts that only before its first connection: whichever store
-// opens first must do it, or the other's setting is refused for the whole process.
-void configureSqliteOnce() {
-  static std::once_flag once;
-  std::call_once(once, [] { sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0); });
 }
 
 // Opens `path` read-write and accepts it only if it is empty or a store of this version, creating
@@ -153,7 +121,9 @@ SQLite::Database openStore(const std::string& path, const UserSessionOptions& op
       checkIntegrity(db, path);
     }
     if (!inMemory) {
-      enableWal(db, path, options.busyTimeout);
+      if (const std::string refusal = enableWal(db, options.busyTimeout); !refusal.empty()) {
+        throw storeError(path, refusal);
+      }
     }
     db.exec(options.durability == Durability::Full ? "PRAGMA synchronous = FULL"
                                                    : "PRAGMA synchronous = NORMAL");
@@ -199,8 +169,7 @@ bool SqliteUserStore::exists(int userId) {
 // the connection's read transaction, and with it an old snapshot, open.
 int SqliteUserStore::focusedHere() {
   _focused.reset();
-  const int id =
-      _focused.executeStep() ? _focused.getColumn(0).getInt() : UserSessionService::kNoUser;
+  const int id = _focused.executeStep() ? _focused.getColumn(0).getInt() : kNoUser;
   _focused.reset();
   return id;
 }
@@ -304,4 +273,14 @@ bool SqliteUserStore::clearFocus() {
 }
 
 }  // namespace detail
+
+std::string userSessionPathBeside(const std::string& knowledgeStorePath) {
+  return knowledgeStorePath == ":memory:" ? knowledgeStorePath : knowledgeStorePath + ".users";
+}
+
+std::unique_ptr<UserStore> openSqliteUserStore(const std::string& path,
+                                               UserSessionOptions options) {
+  return std::make_unique<detail::SqliteUserStore>(path, options);
+}
+
 }  // namespace QV

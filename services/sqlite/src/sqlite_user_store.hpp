@@ -1,5 +1,5 @@
 #pragma once
-// The users and the focus as kept in the service's own SQLite file: one connection, every change
+// The users and the focus as kept in their own SQLite file: one connection, every change
 // in one transaction. Not thread-safe: the service serialises every call.
 
 #include <optional>
@@ -9,7 +9,7 @@
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Statement.h>
 
-#include "qvusersession/usersession_service.hpp"
+#include "qvsqlite/sqlite_user_store.hpp"
 
 namespace QV::detail {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "schema.hpp"
+#include "triplet_schema.hpp"
 
 namespace QV::detail {
 

@@ -5,7 +5,7 @@
 
 #include <SQLiteCpp/Exception.h>
 
-#include "qvknowledge/triplet_store.hpp"
+#include "qvstorage/triplet_store.hpp"
 
 namespace QV::detail {
 

@@ -1,11 +1,11 @@
-#include "schema.hpp"
+#include "triplet_schema.hpp"
 
 #include <SQLiteCpp/Statement.h>
 #include <SQLiteCpp/Transaction.h>
 #include <sqlite3.h>
 
-#include "busy_wait.hpp"
 #include "file_identity.hpp"
+#include "sqlite_setup.hpp"
 #include "store_error.hpp"
 
 namespace QV::detail {
@@ -32,26 +32,6 @@ void createSchema(SQLite::Database& db) {
   }
   db.exec("PRAGMA application_id = " + std::to_string(kApplicationId));
   db.exec("PRAGMA user_version = " + std::to_string(kSchemaVersion));
-}
-
-// Switching to WAL takes the file's exclusive lock without calling the busy handler: a busy
-// attempt is retried here, with the same backoff, for up to the busy timeout.
-void enableWal(SQLite::Database& db, const std::string& path, std::chrono::milliseconds timeout) {
-  std::string mode;
-  for (int attempt = 0;; ++attempt) {
-    try {
-      mode = db.execAndGet("PRAGMA journal_mode = WAL").getString();
-      break;
-    } catch (const SQLite::Exception& error) {
-      const int code = error.getErrorCode();
-      if ((code != SQLITE_BUSY && code != SQLITE_LOCKED) || !sleepBeforeRetry(attempt, timeout)) {
-        throw;
-      }
-    }
-  }
-  if (mode != "wal") {
-    throw storeError(path, "cannot use the WAL journal mode (SQLite kept '" + mode + "')");
-  }
 }
 
 }  // namespace
@@ -83,7 +63,9 @@ void openSchema(SQLite::Database& db, const std::string& path, bool inMemory,
   }
   // Only an accepted file may be switched: the journal mode is recorded in the header.
   if (!inMemory) {
-    enableWal(db, path, busyTimeout);
+    if (const std::string refusal = enableWal(db, busyTimeout); !refusal.empty()) {
+      throw storeError(path, refusal);
+    }
   }
   if (verdict == Verdict::CurrentStore) {
     return;

@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 
 namespace {
 

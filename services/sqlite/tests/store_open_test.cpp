@@ -2,7 +2,7 @@
 // exactly as they were, many processes may create one store at once, and waits for another
 // process's lock are bounded and let an event loop keep running.
 
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 
 #include <fcntl.h>
 #include <linux/fs.h>

@@ -1,8 +1,8 @@
-// Behaviour of QV::TripletStore: the semantics of each call, byte exactness, durability,
-// concurrent reads, writes from many threads and the query plans. Opening and refusing files:
-// store_open_test.
+// What only the SQLite knowledge store has: durability across closing and killing, concurrent
+// reads on a file or in memory, writes grouped into one commit, and the query plans. What every
+// store answers alike: services/storage/tests; opening and refusing files: store_open_test.
 
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -17,7 +17,6 @@
 #include <functional>
 #include <future>
 #include <map>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,7 +29,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using namespace std::string_literals;
 using QV::Durability;
 using QV::SqliteTripletStore;
 using QV::TripletStore;
@@ -41,21 +39,9 @@ using Rows = std::vector<std::vector<std::string>>;
 
 constexpr auto kHangLimit = 60s;
 
-void fill(TripletStore& store, const Rows& rows) {
-  for (const auto& row : rows) {
-    store.add(row[0], row[1], row[2], row[3]);
-  }
-}
-
 Rows all(const TripletStore& store) {
   return store.queryTriplet("*", "*", "*", "*");
 }
-
-// Suites that only need the semantics run on a private in-memory store.
-class MemoryStore : public ::testing::Test {
- protected:
-  SqliteTripletStore store{":memory:"};
-};
 
 // Suites that need a real file get a fresh directory, removed with its content.
 class FileStore : public ::testing::Test {
@@ -75,170 +61,6 @@ class FileStore : public ::testing::Test {
   fs::path dir;
   std::string path;
 };
-
-using AddAndUpdate = MemoryStore;
-
-TEST_F(AddAndUpdate, StoreADuplicateTripletOnceAtItsFirstPlaceAlsoInABatch) {
-  store.add("users", "alice", "group", "staff");
-  store.add("users", "alice", "group", "admins");
-  store.add("users", "alice", "group", "staff");
-  store.addMany({});
-  store.addMany({{"users", "alice", "group", "ops"},
-                 {"users", "bob", "group", "staff"},
-                 {"users", "alice", "group", "admins"},
-                 {"users", "bob", "group", "staff"}});
-  EXPECT_EQ(store.getObject("users", "alice", "group"), (Objects{"staff", "admins", "ops"}));
-  EXPECT_EQ(store.getObject("users", "bob", "group"), Objects{"staff"});
-}
-
-TEST_F(AddAndUpdate, UpdateLeavesOnlyTheNewObjectAsTheNewestRowOfItsKeyAndOtherKeysAlone) {
-  fill(store, {{"users", "alice", "email", "old1"},
-               {"users", "alice", "email", "old2"},
-               {"users", "alice", "phone", "555"},
-               {"users", "bob", "email", "b"},
-               {"groups", "alice", "email", "g"}});
-  store.update("users", "alice", "email", "old2");  // already stored: kept once
-  EXPECT_EQ(store.getObject("users", "alice", "email"), Objects{"old2"});
-  store.update("users", "alice", "email", "new");
-  store.update("users", "carol", "email", "c");  // a key that did not exist
-  store.update("users", "?", "email", "q");      // wildcards are literal keys here
-  store.update("users", "*", "*", "s");
-  EXPECT_EQ(all(store), (Rows{{"users", "alice", "phone", "555"},
-                              {"users", "bob", "email", "b"},
-                              {"groups", "alice", "email", "g"},
-                              {"users", "alice", "email", "new"},
-                              {"users", "carol", "email", "c"},
-                              {"users", "?", "email", "q"},
-                              {"users", "*", "*", "s"}}));
-}
-
-// The key index returns a key's objects by their bytes; getObject() must still give them oldest
-// first, through removals and re-adds, and without mixing in the objects of neighbouring keys.
-using ObjectOrder = MemoryStore;
-
-// Removes `object` from the expected order and the store.
-void removeObject(TripletStore& store, Objects& expected, std::string object) {
-  expected.erase(std::find(expected.begin(), expected.end(), object));
-  store.remove("users", "alice", "tag", object);
-}
-
-TEST_F(ObjectOrder, GetObjectReturnsObjectsOldestFirstWhateverTheirBytesThroughRemovesAndReAdds) {
-  // Byte order far from insertion order: shuffled, with a shared prefix, NUL and high bytes.
-  Objects fresh;
-  for (int i = 0; i < 200; ++i) {
-    fresh.push_back("tag" + std::to_string(i) + (i % 3 == 0 ? "\0x"s : "") +
-                    (i % 5 == 0 ? "\xFF" : ""));
-  }
-  std::shuffle(fresh.begin(), fresh.end(), std::mt19937(11));
-  // Neighbouring keys on both sides of the key in the index.
-  store.add("users", "alice", "tae", "before");
-  store.add("users", "alice", "tag\0"s, "after");
-  Objects expected;
-  for (std::size_t i = 0; i < fresh.size(); ++i) {
-    store.add("users", "alice", "tag", fresh[i]);
-    expected.push_back(fresh[i]);
-    if (i % 7 == 6) {  // drop an older object now and then, the newest one too
-      removeObject(store, expected,
-                   expected[i % 2 == 0 ? expected.size() - 1 : expected.size() / 2]);
-    }
-  }
-  ASSERT_EQ(store.getObject("users", "alice", "tag"), expected);
-  // A re-added object is the newest; re-adding a stored one changes nothing.
-  const Objects reAdded = {expected.front(), expected[expected.size() / 2]};
-  for (const std::string& object : reAdded) {
-    removeObject(store, expected, object);
-    store.add("users", "alice", "tag", object);
-    expected.push_back(object);
-  }
-  store.add("users", "alice", "tag", expected.front());
-  EXPECT_EQ(store.getObject("users", "alice", "tag"), expected);
-  EXPECT_EQ(store.getObject("users", "alice", "tae"), Objects{"before"});
-}
-
-// "?" is a wildcard in the subject, predicate and object of contains() and remove(); "*" in any
-// position of queryTriplet(). Everywhere else, getObject() included, both are plain bytes.
-using Matching = MemoryStore;
-
-// Splits `stored` into the rows `pattern` matches, when `wildcard` matches anything from position
-// `first` on, and the rest.
-std::pair<Rows, Rows> split(const Rows& stored, const Objects& pattern, const std::string& wildcard,
-                            int first) {
-  std::pair<Rows, Rows> parts;
-  for (const auto& row : stored) {
-    bool match = true;
-    for (int i = 0; i < 4; ++i) {
-      match = match && (pattern[i] == row[i] || (i >= first && pattern[i] == wildcard));
-    }
-    (match ? parts.first : parts.second).push_back(row);
-  }
-  return parts;
-}
-
-TEST_F(Matching, EveryCallSelectsTheRowsItsWildcardsAndLiteralsMatchInStorageOrder) {
-  // Stored out of every index order, so that the result order shows storage order; the last two
-  // keys concatenate like users/bob/email.
-  const Rows stored = {
-      {"prefs", "carol", "theme", "dark"},  {"users", "alice", "email", "a@x"},
-      {"auth", "alice", "role", "admin"},   {"users", "bob", "email", "b@x"},
-      {"prefs", "alice", "theme", "dark"},  {"users", "alice", "group", "staff"},
-      {"auth", "bob", "role", "user"},      {"users", "?", "email", "question"},
-      {"prefs", "bob", "theme", "light"},   {"users", "*", "*", "star"},
-      {"users", "alice", "group", "admin"}, {"users", "carol", "email", "dark"},
-      {"usersb", "ob", "email", "light"},   {"users", "bobe", "mail", "dark"},
-  };
-  fill(store, stored);
-  Rows probes = stored;  // and probes that miss in one position or hold a wildcard plus more
-  probes.insert(probes.end(), {{"auth", "alice", "email", "a@x"},
-                               {"users", "bob", "group", "staff"},
-                               {"users", "alice", "theme", "dark"},
-                               {"users", "alice", "email", "b@x"},
-                               {"users", "??", "email", "question"},
-                               {"users", "alice", "email", "?\0"s}});
-  for (const auto& probe : probes) {
-    for (const std::string wildcard : {"?", "*"}) {
-      for (unsigned mask = 0; mask < 16; ++mask) {
-        Objects p = probe;
-        for (int i = 0; i < 4; ++i) {
-          p[i] = (mask & (1u << i)) ? wildcard : p[i];
-        }
-        SCOPED_TRACE(::testing::PrintToString(p));
-        EXPECT_EQ(store.queryTriplet(p[0], p[1], p[2], p[3]), split(stored, p, "*", 0).first);
-        Objects objects;
-        for (const auto& row : split(stored, {p[0], p[1], p[2], "*"}, "*", 3).first) {
-          objects.push_back(row[3]);
-        }
-        EXPECT_EQ(store.getObject(p[0], p[1], p[2]), objects);
-        const auto [removed, left] = split(stored, p, "?", 1);
-        EXPECT_EQ(store.contains(p[0], p[1], p[2], p[3]), !removed.empty());
-        SqliteTripletStore fresh(":memory:");
-        fill(fresh, stored);
-        fresh.remove(p[0], p[1], p[2], p[3]);
-        EXPECT_EQ(all(fresh), left);
-      }
-    }
-  }
-}
-
-using ByteExactness = MemoryStore;
-
-TEST_F(ByteExactness, KeepsEveryValueAsItsExactBytesWithoutTruncatingFoldingOrTrimming) {
-  const std::string utf8 = "J\xC3\xBCrgen \xE2\x9C\x93 \xF0\x9F\x98\x80",
-                    binary = "\xFF\xFE\x80 bytes";
-  const Objects values = {"a",      "a\0b"s,  "a\0c"s, "alice", "Alice",
-                          "alice ", " alice", "",      utf8,    binary};
-  for (const auto& value : values) {
-    store.add("users", value, "note", value);
-  }
-  for (const auto& value : values) {
-    SCOPED_TRACE(::testing::PrintToString(value));
-    EXPECT_EQ(store.getObject("users", value, "note"), Objects{value});
-    EXPECT_EQ(store.queryTriplet("*", "*", "*", value), (Rows{{"users", value, "note", value}}));
-    for (const auto& other : values) {
-      EXPECT_EQ(store.contains("users", value, "note", other), value == other)
-          << ::testing::PrintToString(other);
-    }
-  }
-}
 
 using Durable = FileStore;
 

@@ -1,7 +1,8 @@
 // The user-session file: ids and the focus across restarts, ids never reused, refused files, and
 // the file living beside the knowledge store without either store touching the other's.
 
-#include <qvknowledge/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_user_store.hpp>
 #include <qvusersession/usersession_service.hpp>
 
 #include <cstdlib>
@@ -35,7 +36,7 @@ std::string readBytes(const std::string& path) {
 
 std::string openError(const std::string& path) {
   try {
-    UserSessionService service(path);
+    UserSessionService service(QV::openSqliteUserStore(path));
   } catch (const UserSessionError& error) {
     return error.what();
   }
@@ -71,24 +72,9 @@ class UserSessionFile : public ::testing::Test {
 
 using UserIdsAcrossRestarts = UserSessionFile;
 
-TEST_F(UserIdsAcrossRestarts, AreNeverReusedEvenAfterTheHighestIsDeletedAndTheServiceRestarts) {
-  {
-    UserSessionService service(path);
-    EXPECT_EQ(service.createUser(), 1);
-    EXPECT_EQ(service.createUser(), 2);
-    EXPECT_EQ(service.createUser(), 3);
-    ASSERT_TRUE(service.deleteUsers({3}));
-    EXPECT_EQ(service.createUser(), 4) << "the deleted highest id came back in the same run";
-    ASSERT_TRUE(service.deleteUsers({4, 2}));
-  }
-  UserSessionService restarted(path);
-  EXPECT_THAT(restarted.users(), ElementsAre(1));
-  EXPECT_EQ(restarted.createUser(), 5) << "the deleted highest id came back after a restart";
-}
-
 TEST_F(UserIdsAcrossRestarts, RunningOutOfIdsFailsClearlyAndChangesNothing) {
   {
-    UserSessionService service(path);
+    UserSessionService service(QV::openSqliteUserStore(path));
     service.createUser();
   }
   {
@@ -96,7 +82,7 @@ TEST_F(UserIdsAcrossRestarts, RunningOutOfIdsFailsClearlyAndChangesNothing) {
     raw.exec("UPDATE sqlite_sequence SET seq = " + std::to_string(std::numeric_limits<int>::max()) +
              " WHERE name = 'users'");
   }
-  UserSessionService service(path);
+  UserSessionService service(QV::openSqliteUserStore(path));
   EXPECT_THAT([&] { service.createUser(); },
               ::testing::ThrowsMessage<UserSessionError>(HasSubstr("no user id left")));
   EXPECT_THAT(service.users(), ElementsAre(1));
@@ -106,21 +92,21 @@ using FocusAcrossRestarts = UserSessionFile;
 
 TEST_F(FocusAcrossRestarts, AFocusSetClearedOrClearedByDeletingItsUserIsKeptAcrossARestart) {
   {
-    UserSessionService service(path);
+    UserSessionService service(QV::openSqliteUserStore(path));
     ASSERT_TRUE(service.setFocusedUser(service.createUser()));
   }
   {
-    UserSessionService service(path);
+    UserSessionService service(QV::openSqliteUserStore(path));
     EXPECT_EQ(service.getFocusedUser(), 1);
     service.clearFocus();
   }
   {
-    UserSessionService service(path);
+    UserSessionService service(QV::openSqliteUserStore(path));
     EXPECT_EQ(service.getFocusedUser(), -1);
     ASSERT_TRUE(service.setFocusedUser(1));
     ASSERT_TRUE(service.deleteUsers({1}));
   }
-  EXPECT_EQ(UserSessionService(path).getFocusedUser(), -1);
+  EXPECT_EQ(UserSessionService(QV::openSqliteUserStore(path)).getFocusedUser(), -1);
 }
 
 using RefusedFile = UserSessionFile;
@@ -145,7 +131,7 @@ TEST_F(RefusedFile, ADatabaseOfAnotherApplicationIsRefusedByItsIdOrByItsTables) 
 }
 
 TEST_F(RefusedFile, AStoreOfANewerVersionOrWithATableMissingIsRefused) {
-  { UserSessionService service(path); }
+  { UserSessionService service(QV::openSqliteUserStore(path)); }
   {
     SQLite::Database raw(path, SQLite::OPEN_READWRITE);
     raw.exec("PRAGMA user_version = 2");
@@ -161,7 +147,7 @@ TEST_F(RefusedFile, AStoreOfANewerVersionOrWithATableMissingIsRefused) {
 
 TEST_F(RefusedFile, AStoreWithADamagedPageIsRefused) {
   {
-    UserSessionService service(path);
+    UserSessionService service(QV::openSqliteUserStore(path));
     for (int i = 0; i < 5; ++i) {
       service.createUser();
     }
@@ -192,7 +178,7 @@ TEST_F(RefusedFile, AFileInAMissingDirectoryIsRefusedWithTheReason) {
 TEST_F(RefusedFile, AWriteBlockedByAnotherConnectionGivesUpAfterTheBusyTimeoutChangingNothing) {
   UserSessionOptions options;
   options.busyTimeout = 50ms;
-  UserSessionService service(path, options);
+  UserSessionService service(QV::openSqliteUserStore(path, options));
   EXPECT_EQ(service.createUser(), 1);
   {
     SQLite::Database other(path, SQLite::OPEN_READWRITE);
@@ -213,7 +199,7 @@ TEST_F(BesideTheKnowledgeStore, NeitherStoreAcceptsTheOthersFile) {
   const std::string users = QV::userSessionPathBeside(knowledge);
   EXPECT_EQ(fs::path(users).parent_path(), fs::path(knowledge).parent_path());
   { QV::SqliteTripletStore(knowledge).add("dom", "1", "name", "Ada"); }
-  { UserSessionService(users).createUser(); }
+  { UserSessionService(QV::openSqliteUserStore(users)).createUser(); }
   expectRefusedUnchanged(knowledge, "the file is a knowledge store, not a user session store");
   const std::string before = readBytes(users);
   EXPECT_THROW(QV::SqliteTripletStore store(users), QV::KnowledgeStoreError);

@@ -3,7 +3,8 @@
 // default storage engine of the knowledge store service. Thread-safe; see
 // docs/knowledge-store.md.
 
-#include <qvknowledge/triplet_store.hpp>
+#include <qvsqlite/api.hpp>
+#include <qvstorage/triplet_store.hpp>
 
 #include <chrono>
 #include <cstddef>
@@ -48,7 +49,7 @@ struct QueryPlan {
 
 // The SQLite implementation of TripletStore: one file (or ":memory:"), one writer connection and
 // a pool of readers, so reads run in parallel with each other and with the write.
-class QVKNOWLEDGE_API SqliteTripletStore final : public TripletStore {
+class QVSQLITE_API SqliteTripletStore final : public TripletStore {
  public:
   // Opens or creates the store in `path` (":memory:" for a private in-memory store). Throws
   // KnowledgeStoreError, leaving the file untouched, if it is not a store this build can write.

@@ -1,36 +1,23 @@
 #pragma once
-// The storage interface behind the knowledge store service, its error and the durability
-// levels its implementations offer: SqliteTripletStore (one file, sqlite_triplet_store.hpp) and
-// the PostgreSQL store of libqvpostgres. See docs/knowledge-store.md.
+// The storage interface behind the knowledge store service and its error. The backends
+// (services/sqlite, services/postgres) implement it; store_factory.hpp opens one by URI. See
+// docs/knowledge-store.md.
 
-#include <chrono>
-#include <cstddef>
-#include <memory>
+#include <qvstorage/api.hpp>
+#include <qvstorage/durability.hpp>
+
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-// Marks the symbols that libqvknowledge exports; everything else stays hidden.
-#define QVKNOWLEDGE_API __attribute__((visibility("default")))
-
 namespace QV {
 
-// Every failure of the store: a file that cannot be opened as a store, or a SQLite error during a
-// call. The text names the file and the reason; the store stays usable after a failed call.
-class QVKNOWLEDGE_API KnowledgeStoreError : public std::runtime_error {
+// Every failure of the store: a file or database that cannot be opened as a store, or a failed
+// call. The text names the store and the reason; the store stays usable after a failed call.
+class QVSTORAGE_API KnowledgeStoreError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
   ~KnowledgeStoreError() override;
-};
-
-// How far an acknowledged write is guaranteed to survive.
-enum class Durability {
-  // synchronous=FULL: the journal is fsynced at every commit; a write that returned survives a
-  // kill of the process and a crash or power loss of the machine.
-  Full,
-  // synchronous=NORMAL: a write that returned survives a kill of the process; a power loss may
-  // drop the last commits (never corrupts the file).
-  Normal,
 };
 
 struct Triplet {
@@ -45,7 +32,7 @@ struct Triplet {
 // predicate, object), "*" in queryTriplet() (any position); everywhere else both are literal.
 // Implementations are thread-safe and answer alike; a failed call throws KnowledgeStoreError and
 // changes nothing.
-class QVKNOWLEDGE_API TripletStore {
+class QVSTORAGE_API TripletStore {
  public:
   virtual ~TripletStore();
 
