@@ -1,5 +1,6 @@
-// The user-session file: ids and the focus across restarts, ids never reused, refused files, and
-// the file living beside the knowledge store without either store touching the other's.
+// What only the SQLite user store has: the focus kept across restarts, the end of the ids,
+// refused files, a busy file, and the file living beside the knowledge store without either store
+// touching the other's. What every user store answers alike: services/storage/tests.
 
 #include <qvsqlite/sqlite_triplet_store.hpp>
 #include <qvsqlite/sqlite_user_store.hpp>
@@ -111,47 +112,20 @@ TEST_F(FocusAcrossRestarts, AFocusSetClearedOrClearedByDeletingItsUserIsKeptAcro
 
 using RefusedFile = UserSessionFile;
 
-TEST_F(RefusedFile, AFileThatIsNotADatabaseIsRefused) {
-  std::ofstream(path) << std::string(8192, 'x');
-  expectRefusedUnchanged(path, "the file is not a SQLite database");
+void execOn(const std::string& path, const std::string& sql) {
+  SQLite::Database(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE).exec(sql);
 }
 
-TEST_F(RefusedFile, ADatabaseOfAnotherApplicationIsRefusedByItsIdOrByItsTables) {
-  {
-    SQLite::Database other(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
-    other.exec("PRAGMA application_id = 1234");
+void makeStore(const std::string& path) {
+  UserSessionService service(QV::openSqliteUserStore(path));
+  for (int i = 0; i < 5; ++i) {
+    service.createUser();
   }
-  expectRefusedUnchanged(path, "belongs to another application (application_id 0x000004D2)");
-  const std::string tables = file("tables.db");
-  {
-    SQLite::Database other(tables, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
-    other.exec("CREATE TABLE users (name TEXT)");
-  }
-  expectRefusedUnchanged(tables, "belongs to another application (it holds users)");
 }
 
-TEST_F(RefusedFile, AStoreOfANewerVersionOrWithATableMissingIsRefused) {
-  { UserSessionService service(QV::openSqliteUserStore(path)); }
-  {
-    SQLite::Database raw(path, SQLite::OPEN_READWRITE);
-    raw.exec("PRAGMA user_version = 2");
-  }
-  expectRefusedUnchanged(path, "schema version 2 is newer than version 1");
-  {
-    SQLite::Database raw(path, SQLite::OPEN_READWRITE);
-    raw.exec("PRAGMA user_version = 1");
-    raw.exec("DROP TABLE focus");
-  }
-  expectRefusedUnchanged(path, "the store is damaged: table 'focus' is missing");
-}
-
-TEST_F(RefusedFile, AStoreWithADamagedPageIsRefused) {
-  {
-    UserSessionService service(QV::openSqliteUserStore(path));
-    for (int i = 0; i < 5; ++i) {
-      service.createUser();
-    }
-  }
+// Sets the b-tree page type byte of the users table to 0xFF, none of the four SQLite knows.
+void damageUsersPage(const std::string& path) {
+  makeStore(path);
   int root = 0;
   std::uint32_t pageSize = 0;
   {
@@ -160,19 +134,45 @@ TEST_F(RefusedFile, AStoreWithADamagedPageIsRefused) {
     pageSize = static_cast<std::uint32_t>(raw.execAndGet("PRAGMA page_size").getInt());
   }
   ASSERT_GT(root, 1);
-  {
-    // The b-tree page type byte: 0xFF is none of the four SQLite knows.
-    std::fstream bytes(path, std::ios::binary | std::ios::in | std::ios::out);
-    bytes.seekp(static_cast<std::streamoff>(std::uint64_t{pageSize} * (root - 1)));
-    bytes.put(static_cast<char>(0xFF));
-  }
-  expectRefusedUnchanged(path, "the file is damaged");
+  std::fstream bytes(path, std::ios::binary | std::ios::in | std::ios::out);
+  bytes.seekp(static_cast<std::streamoff>(std::uint64_t{pageSize} * (root - 1)));
+  bytes.put(static_cast<char>(0xFF));
 }
 
-TEST_F(RefusedFile, AFileInAMissingDirectoryIsRefusedWithTheReason) {
-  const std::string missing = file("no-such-dir/users.db");
-  EXPECT_THAT(openError(missing),
-              HasSubstr("user session store '" + missing + "': cannot open the file"));
+TEST_F(RefusedFile, EachForeignNewerDamagedOrMissingFileIsRefusedWithItsReasonAndLeftAsItWas) {
+  struct Case {
+    const char* name;  // the file, in the test's directory
+    void (*make)(const std::string& path);
+    const char* reason;
+  };
+  const Case cases[] = {
+      {"text.db", [](const std::string& p) { std::ofstream(p) << std::string(8192, 'x'); },
+       "the file is not a SQLite database"},
+      {"other-id.db", [](const std::string& p) { execOn(p, "PRAGMA application_id = 1234"); },
+       "belongs to another application (application_id 0x000004D2)"},
+      {"other-tables.db", [](const std::string& p) { execOn(p, "CREATE TABLE users (name TEXT)"); },
+       "belongs to another application (it holds users)"},
+      {"newer.db",
+       [](const std::string& p) {
+         makeStore(p);
+         execOn(p, "PRAGMA user_version = 2");
+       },
+       "schema version 2 is newer than version 1"},
+      {"no-focus.db",
+       [](const std::string& p) {
+         makeStore(p);
+         execOn(p, "DROP TABLE focus");
+       },
+       "the store is damaged: table 'focus' is missing"},
+      {"damaged.db", &damageUsersPage, "the file is damaged"},
+      {"no-such-dir/users.db", [](const std::string&) {}, "cannot open the file"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string at = file(c.name);
+    c.make(at);
+    expectRefusedUnchanged(at, c.reason);
+  }
 }
 
 TEST_F(RefusedFile, AWriteBlockedByAnotherConnectionGivesUpAfterTheBusyTimeoutChangingNothing) {
