@@ -7,7 +7,7 @@
 #include <ka/dynamicobjectbuilder.hpp>
 #include <ka/session.hpp>
 #include <qvknowledge/knowledge_service.hpp>
-#include <qvknowledge/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_triplet_store.hpp>
 
 #include <benchmark/benchmark.h>
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 
 namespace {
 

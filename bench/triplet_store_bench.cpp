@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "qvknowledge/knowledge_service.hpp"
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 
 namespace {
 

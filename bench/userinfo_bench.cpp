@@ -21,8 +21,9 @@
 #include <vector>
 
 #include "bench_store.hpp"
+#include "qvknowledge/knowledge_client.hpp"
 #include "qvknowledge/knowledge_service.hpp"
-#include "qvknowledge/sqlite_triplet_store.hpp"
+#include "qvsqlite/sqlite_triplet_store.hpp"
 #include "qvuserinfoprivate.hpp"
 
 namespace {
@@ -81,9 +82,11 @@ class World {
     tripletStore->addMany(triplets);
 
     session = ka::makeSession();
-    session->registerService("QVKnowledge", QV::makeKnowledgeObject(tripletStore)).value(10000);
+    session
+        ->registerService(QV::KnowledgeClient::kServiceName, QV::makeKnowledgeObject(tripletStore))
+        .value(10000);
     dataStore = std::make_unique<QV::QVUserInfoPrivate>(
-        boost::make_shared<ka::AnyObject>(session->service("QVKnowledge").value(10000)));
+        QV::KnowledgeClient(session->service(QV::KnowledgeClient::kServiceName).value(10000)));
 
     std::map<std::string, std::string> sql;
     for (const auto& plan : tripletStore->explainQueryPlans()) {

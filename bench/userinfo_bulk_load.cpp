@@ -5,7 +5,8 @@
 //
 // Usage: userinfo_bulk_load DATABASE USERS
 
-#include <qvknowledge/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_user_store.hpp>
 #include <qvusersession/usersession_service.hpp>
 
 #include <chrono>
@@ -47,7 +48,8 @@ int main(int argc, char** argv) {
 
     QV::UserSessionOptions sessionOptions;
     sessionOptions.durability = QV::Durability::Normal;
-    QV::UserSessionService userSession(QV::userSessionPathBeside(path), sessionOptions);
+    QV::UserSessionService userSession(
+        QV::openSqliteUserStore(QV::userSessionPathBeside(path), sessionOptions));
     const auto known = userSession.users();
     for (int created = static_cast<int>(known.size()); created < users; ++created) {
       userSession.createUser();

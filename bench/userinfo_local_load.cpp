@@ -13,7 +13,8 @@
 // (databases as userinfo_bulk_load builds them; S: the time given to each side of a case).
 
 #include <qvknowledge/knowledge_service.hpp>
-#include <qvknowledge/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_user_store.hpp>
 #include <qvuserinfo/qvuserinfo.hpp>
 #include <qvusersession/usersession_service.hpp>
 
@@ -55,8 +56,8 @@ class World {
     store_ = std::make_shared<QV::SqliteTripletStore>(path, storeOptions);
     QV::UserSessionOptions sessionOptions;
     sessionOptions.durability = durability;
-    userSession_ =
-        boost::make_shared<QV::UserSessionService>(QV::userSessionPathBeside(path), sessionOptions);
+    userSession_ = boost::make_shared<QV::UserSessionService>(
+        QV::openSqliteUserStore(QV::userSessionPathBeside(path), sessionOptions));
     users = static_cast<int>(userSession_->users().size());
     if (users == 0) {
       throw std::runtime_error(path + " has no users: build it with userinfo_bulk_load");

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs a finished build into a fresh prefix and checks that the packages work from a
 # project outside this tree:
-#   - tests/install, which names only QV::qvknowledge, configures against the prefix (the
+#   - tests/install, which names only QV::qvsqlite, configures against the prefix (the
 #     package configs bring in every dependency), builds, and its program stores and reads
 #     a triplet with LD_LIBRARY_PATH unset;
 #   - every installed library and program carries a relative RUNPATH, so it finds the
@@ -34,9 +34,9 @@ cmake --install "$build" --prefix "$prefix" >"$work/install.log" ||
   { cat "$work/install.log" >&2; fail "cmake --install $build"; }
 
 # The libraries sit together in one directory, wherever the libdir is (lib, lib64, multiarch).
-knowledge="$(find "$prefix" -name 'libqvknowledge.so.*' -type f -print -quit)"
-[ -n "$knowledge" ] || fail "no libqvknowledge installed under $prefix"
-libdir="$(dirname "$knowledge")"
+sqlite="$(find "$prefix" -name 'libqvsqlite.so.*' -type f -print -quit)"
+[ -n "$sqlite" ] || fail "no libqvsqlite installed under $prefix"
+libdir="$(dirname "$sqlite")"
 
 # The outside project, configured against the prefix only.
 generator=()
@@ -47,7 +47,7 @@ cmake -S "$src/tests/install" -B "$work/consumer" "${generator[@]}" \
   -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF >"$work/configure.log" 2>&1 ||
   { cat "$work/configure.log" >&2; fail "configuring tests/install against $prefix"; }
-for pkg in qvknowledge ka; do
+for pkg in qvsqlite qvstorage; do
   dir="$(sed -n "s/^${pkg}_DIR:PATH=//p" "$work/consumer/CMakeCache.txt")"
   case "$dir" in
     "$prefix"/*) ;;
@@ -82,7 +82,7 @@ while IFS= read -r lib; do
   check_runpath "$lib" "\$ORIGIN"
   libs=$((libs + 1))
 done < <(find "$libdir" -maxdepth 1 -name 'lib*.so.*' -type f)
-[ "$libs" -ge 3 ] || fail "expected at least ka, qverror and qvknowledge in $libdir, found $libs"
+[ "$libs" -ge 4 ] || fail "expected at least ka, qverror, qvstorage and qvsqlite in $libdir, found $libs"
 
 if [ -d "$prefix/bin" ]; then
   rel="$(realpath --relative-to="$prefix/bin" "$libdir")"

@@ -2,6 +2,7 @@
 // watches the service directory and talks to the store by method name, as every
 // other module of the system does.
 #include <qvknowledge/knowledge_service.hpp>
+#include <qvsqlite/sqlite_triplet_store.hpp>
 
 #include <ka/log.hpp>
 #include <ka/session.hpp>
@@ -31,7 +32,7 @@ int main(int argc, char** argv) {
                   })
         .value();
 
-    QV::registerKnowledgeService(session, db).value();
+    QV::registerKnowledgeService(session, std::make_shared<QV::SqliteTripletStore>(db)).value();
     ka::AnyObject kb = session->service("QVKnowledge").value();
 
     const std::string domain = "com.quorvelin.demo";

@@ -1,7 +1,7 @@
 #pragma once
 // The daemon's command line, and the settings it resolves to once every default is filled in.
 
-#include <qvknowledge/triplet_store.hpp>
+#include <qvstorage/durability.hpp>
 
 #include <ka/loglevel.hpp>
 

@@ -3,7 +3,7 @@
 #include "userinfo_relay.hpp"
 
 #include <qvknowledge/knowledge_service.hpp>
-#include <qvpostgres/postgres_stores.hpp>
+#include <qvstorage/store_factory.hpp>
 #include <qvuserinfo/qvuserinfo.hpp>
 #include <qvusersession/usersession_service.hpp>
 
@@ -60,8 +60,8 @@ ServiceHost::ServiceHost(const Settings& settings) : _settings(settings) {
     } catch (const std::exception& e) {
       throw StartError("user information service", e.what());
     }
-    if (_database) {
-      _relay = std::make_unique<UserInfoRelay>(*_userInfo, _database);
+    if (auto feed = _storage->feed()) {
+      _relay = std::make_unique<UserInfoRelay>(*_userInfo, std::move(feed));
     }
     waitFor(_session->registerService(kUserInfoName, ka::makeObject(_userInfo)),
             "publish QVUserInfo");
@@ -85,16 +85,12 @@ ServiceHost::~ServiceHost() {
 
 void ServiceHost::openStores() {
   try {
-    if (!_settings.store.empty()) {
-      QV::PostgresOptions options;
-      options.durability = _settings.durability;
-      _database = QV::PostgresDatabase::open(_settings.store, options);
-      _store = QV::makePostgresTripletStore(_database);
-    } else {
-      QV::TripletStoreOptions options;
-      options.durability = _settings.durability;
-      _store = std::make_shared<QV::SqliteTripletStore>(_settings.database, options);
-    }
+    QV::StoreOptions options;
+    options.durability = _settings.durability;
+    // Without a store URI the database is a file path, whatever it looks like.
+    _storage = QV::openStorage(
+        _settings.store.empty() ? "sqlite:" + _settings.database : _settings.store, options);
+    _store = _storage->openTripletStore();
   } catch (const std::exception& e) {
     throw StartError("database", e.what());
   }
@@ -102,14 +98,7 @@ void ServiceHost::openStores() {
     return;
   }
   try {
-    if (_database) {
-      _users = boost::make_shared<QV::UserSessionService>(QV::makePostgresUserStore(_database));
-    } else {
-      QV::UserSessionOptions options;
-      options.durability = _settings.durability;
-      _users = boost::make_shared<QV::UserSessionService>(
-          QV::userSessionPathBeside(_settings.database), options);
-    }
+    _users = boost::make_shared<QV::UserSessionService>(_storage->openUserStore());
   } catch (const std::exception& e) {
     throw StartError("user database", e.what());
   }
@@ -141,7 +130,7 @@ bool ServiceHost::stop(std::chrono::milliseconds limit) {
   const boost::weak_ptr<QV::UserSessionService> users = _users;
   _store.reset();
   _users.reset();
-  _database.reset();
+  _storage.reset();
   if (!store.expired() || !users.expired()) {
     KA_LOG_WARNING(kCategory) << "a store is still in use after the session closed";
     complete = false;

@@ -16,8 +16,8 @@
 #include <vector>
 
 namespace QV {
-class PostgresDatabase;
 class QVUserInfo;
+class Storage;
 class TripletStore;
 class UserSessionService;
 }  // namespace QV
@@ -62,9 +62,9 @@ class ServiceHost {
 
   const Settings _settings;
   ka::SessionPtr _session;
-  // Set with a shared database: the stores run on it, and the relay carries the service's
-  // signals to and from the other daemons.
-  std::shared_ptr<QV::PostgresDatabase> _database;
+  // Where the stores are; when other daemons share it, its feed carries the service's signals
+  // to and from them through the relay.
+  std::unique_ptr<QV::Storage> _storage;
   std::unique_ptr<UserInfoRelay> _relay;
   std::shared_ptr<QV::TripletStore> _store;
   boost::shared_ptr<QV::UserSessionService> _users;

@@ -111,8 +111,7 @@ ka::AnyValue decodeValue(const std::string& text) {
 
 }  // namespace
 
-UserInfoRelay::UserInfoRelay(QV::QVUserInfo& userInfo,
-                             std::shared_ptr<QV::PostgresDatabase> database)
+UserInfoRelay::UserInfoRelay(QV::QVUserInfo& userInfo, std::shared_ptr<QV::EventFeed> database)
     : _userInfo(userInfo), _database(std::move(database)) {
   // Direct: the announcement is recorded before the write's caller has its answer.
   _editedLink = _userInfo.userInfoEdited.connect(

@@ -1,10 +1,10 @@
 #pragma once
 // Carries the user information service's change signals between the daemons of one shared
 // database: what this daemon's service emits (userInfoEdited, userInfoRemoved) is announced to
-// the others through the database, and what they announce is emitted here, so that a subscriber
-// of any daemon hears of a change made through any of them.
+// the others through the stores' event feed, and what they announce is emitted here, so that a
+// subscriber of any daemon hears of a change made through any of them.
 
-#include <qvpostgres/postgres_database.hpp>
+#include <qvstorage/event_feed.hpp>
 
 #include <ka/signal.hpp>
 
@@ -22,7 +22,7 @@ namespace qvuserinfod {
 
 class UserInfoRelay {
  public:
-  UserInfoRelay(QV::QVUserInfo& userInfo, std::shared_ptr<QV::PostgresDatabase> database);
+  UserInfoRelay(QV::QVUserInfo& userInfo, std::shared_ptr<QV::EventFeed> database);
   // Stops relaying both ways; waits for a delivery in progress.
   ~UserInfoRelay();
   UserInfoRelay(const UserInfoRelay&) = delete;
@@ -34,7 +34,7 @@ class UserInfoRelay {
   void announce(std::string kind, std::string payload);
 
   QV::QVUserInfo& _userInfo;
-  const std::shared_ptr<QV::PostgresDatabase> _database;
+  const std::shared_ptr<QV::EventFeed> _database;
   ka::SignalLink _editedLink = ka::SignalLink_Invalid;
   ka::SignalLink _removedLink = ka::SignalLink_Invalid;
 

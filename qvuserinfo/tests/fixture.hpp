@@ -7,6 +7,8 @@
 #include "qvuserinfoprivate.hpp"
 
 #include <qvknowledge/knowledge_service.hpp>
+#include <qvsqlite/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_user_store.hpp>
 #include <qvuserinfo/qvuserinfo.hpp>
 #include <qvusersession/usersession_service.hpp>
 
@@ -149,7 +151,7 @@ class FrontTest : public UserInfoTest {
   Emissions removed() const;
 
   boost::shared_ptr<QV::UserSessionService> users =
-      boost::make_shared<QV::UserSessionService>(":memory:");
+      boost::make_shared<QV::UserSessionService>(QV::openSqliteUserStore(":memory:"));
   unsigned int usersId = 0;
   boost::shared_ptr<QV::QVUserInfo> front;
   ka::SessionPtr clientSession;

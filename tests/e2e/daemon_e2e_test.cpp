@@ -3,6 +3,7 @@
 
 #include "daemon_fixture.hpp"
 
+#include <qvsqlite/sqlite_user_store.hpp>
 #include <qvusersession/usersession_service.hpp>
 
 #include <ka/anyvalue.hpp>
@@ -179,7 +180,8 @@ TEST_F(Daemon, JoinsADirectoryServedElsewhereAndUsesItsUserSession) {
   auto host = ka::makeSession();
   const std::string url = "unix://" + (dir_ / "host.sock").string();
   host->listen(url).value(kCallMs);
-  QV::registerUserSessionService(host, (dir_ / "users.db").string()).value(kCallMs);
+  QV::registerUserSessionService(host, QV::openSqliteUserStore((dir_ / "users.db").string()))
+      .value(kCallMs);
 
   auto daemon =
       start({"--connect", url, "--database", (dir_ / "joined.db").string(), "--no-user-session"});

@@ -1,6 +1,6 @@
 // Stores a triplet in a new store file through the installed library, closes the store,
 // reopens the file and reads the triplet back. Exits 0 only if it reads what it wrote.
-#include <qvknowledge/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_triplet_store.hpp>
 
 #include <exception>
 #include <iostream>

@@ -71,9 +71,7 @@ ka::AnyObject makeKnowledgeObject(std::shared_ptr<TripletStore> store) {
 }
 
 ka::Future<unsigned int> registerKnowledgeService(const ka::SessionPtr& session,
-                                                  const std::string& path,
-                                                  TripletStoreOptions options) {
-  auto store = std::make_shared<SqliteTripletStore>(path, options);
+                                                  std::shared_ptr<TripletStore> store) {
   return session->registerService(KnowledgeService::kServiceName,
                                   makeKnowledgeObject(std::move(store)));
 }

@@ -3,6 +3,8 @@
 
 #include <qvknowledge/knowledge_client.hpp>
 #include <qvknowledge/knowledge_service.hpp>
+#include <qvsqlite/sqlite_triplet_store.hpp>
+#include <qvsqlite/sqlite_user_store.hpp>
 
 #include <ka/future.hpp>
 

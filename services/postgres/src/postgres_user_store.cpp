@@ -111,17 +111,17 @@ class PostgresUserStore final : public UserStore {
   }
 
   bool clearFocus() override {
-    const bool had = focused_ != UserSessionService::kNoUser;
-    focused_ = UserSessionService::kNoUser;
+    const bool had = focused_ != kNoUser;
+    focused_ = kNoUser;
     return had;
   }
 
   bool dropFocusOf(const std::vector<int>& userIds) override {
-    if (focused_ == UserSessionService::kNoUser ||
+    if (focused_ == kNoUser ||
         std::find(userIds.begin(), userIds.end(), focused_) == userIds.end()) {
       return false;
     }
-    focused_ = UserSessionService::kNoUser;
+    focused_ = kNoUser;
     return true;
   }
 
@@ -147,7 +147,7 @@ class PostgresUserStore final : public UserStore {
   const std::string location_;
   // This daemon's focus. The service serialises every call into the store, including the
   // foreign changes it is told of, so no lock of its own.
-  int focused_ = UserSessionService::kNoUser;
+  int focused_ = kNoUser;
 };
 
 }  // namespace

@@ -8,8 +8,6 @@
 #include <deque>
 #include <mutex>
 
-#include "user_store.hpp"
-
 namespace QV {
 namespace {
 
@@ -150,13 +148,6 @@ class UserSessionService::Impl {
   }
 };
 
-std::string userSessionPathBeside(const std::string& knowledgeStorePath) {
-  return knowledgeStorePath == ":memory:" ? knowledgeStorePath : knowledgeStorePath + ".users";
-}
-
-UserSessionService::UserSessionService(const std::string& path, UserSessionOptions options)
-    : UserSessionService(std::make_unique<detail::SqliteUserStore>(path, options)) {}
-
 UserSessionService::UserSessionService(std::unique_ptr<UserStore> store)
     : _impl(std::make_unique<Impl>(std::move(store))) {
   _impl->store->onForeignChange([this](const ForeignUserChange& change) {
@@ -246,9 +237,8 @@ ka::AnyObject makeUserSessionObject(boost::shared_ptr<UserSessionService> servic
 }
 
 ka::Future<unsigned int> registerUserSessionService(const ka::SessionPtr& session,
-                                                    const std::string& path,
-                                                    UserSessionOptions options) {
-  auto service = boost::make_shared<UserSessionService>(path, options);
+                                                    std::unique_ptr<UserStore> store) {
+  auto service = boost::make_shared<UserSessionService>(std::move(store));
   return session->registerService(UserSessionService::kServiceName,
                                   makeUserSessionObject(std::move(service)));
 }

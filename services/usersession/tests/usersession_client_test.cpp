@@ -3,6 +3,7 @@
 // keeping the service alive.
 
 #include <qvusersession/usersession_client.hpp>
+#include <qvsqlite/sqlite_user_store.hpp>
 #include <qvusersession/usersession_service.hpp>
 
 #include <ka/future.hpp>
@@ -69,7 +70,7 @@ class UserSessionClientTest : public ::testing::TestWithParam<bool> {
   }
 
   boost::shared_ptr<QV::UserSessionService> service =
-      boost::make_shared<QV::UserSessionService>(":memory:");
+      boost::make_shared<QV::UserSessionService>(QV::openSqliteUserStore(":memory:"));
   ka::SessionPtr owner = ka::makeSession();
   ka::SessionPtr client = ka::makeSession();
   QV::UserSessionClient users;

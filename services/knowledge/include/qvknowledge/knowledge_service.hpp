@@ -3,7 +3,7 @@
 // methods "getObject", "contains", "update", "remove", "queryTriplet" and "add" take
 // strings and answer from a TripletStore.
 
-#include <qvknowledge/sqlite_triplet_store.hpp>
+#include <qvstorage/triplet_store.hpp>
 
 #include <ka/future.hpp>
 #include <ka/object.hpp>
@@ -12,6 +12,9 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+// Marks the symbols that libqvknowledge exports; everything else stays hidden.
+#define QVKNOWLEDGE_API __attribute__((visibility("default")))
 
 namespace QV {
 
@@ -51,10 +54,8 @@ class QVKNOWLEDGE_API KnowledgeService {
 // The middleware object serving `store` (multi-threaded: reads run in parallel).
 QVKNOWLEDGE_API ka::AnyObject makeKnowledgeObject(std::shared_ptr<TripletStore> store);
 
-// Opens the store at `path` and registers it on `session` as "QVKnowledge"; answers
-// the service id. Throws KnowledgeStoreError when the file cannot be used.
-QVKNOWLEDGE_API ka::Future<unsigned int> registerKnowledgeService(const ka::SessionPtr& session,
-                                                                  const std::string& path,
-                                                                  TripletStoreOptions options = {});
+// Serves `store` and registers it on `session` as "QVKnowledge"; answers the service id.
+QVKNOWLEDGE_API ka::Future<unsigned int> registerKnowledgeService(
+    const ka::SessionPtr& session, std::shared_ptr<TripletStore> store);
 
 }  // namespace QV

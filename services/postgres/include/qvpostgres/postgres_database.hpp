@@ -5,12 +5,11 @@
 // The knowledge store and the user store of postgres_stores.hpp run on it. See
 // docs/postgresql-store.md.
 
-#include <qvknowledge/triplet_store.hpp>
+#include <qvstorage/durability.hpp>
+#include <qvstorage/event_feed.hpp>
 
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -47,28 +46,17 @@ struct PostgresOptions {
   std::chrono::seconds eventRetention{24 * 3600};
 };
 
-// A change one daemon announced to the others: what happened (`kind`, e.g. "users.created") and
-// its details in a form its kind defines.
-struct StoreEvent {
-  std::int64_t id = 0;  // increasing in commit order
-  std::string origin;   // the announcing PostgresDatabase
-  std::string kind;
-  std::string payload;
-};
-
-class QVPOSTGRES_API PostgresDatabase : public std::enable_shared_from_this<PostgresDatabase> {
+// The feed of this database: events carry their announcing PostgresDatabase's origin().
+class QVPOSTGRES_API PostgresDatabase final
+    : public EventFeed,
+      public std::enable_shared_from_this<PostgresDatabase> {
  public:
-  // Receives the events of other daemons, in commit order, on the feed's own thread.
-  using EventHandler = std::function<void(const StoreEvent&)>;
-
   // Connects to `uri` (a libpq connection URI or key=value string; the password comes from
   // PGPASSWORD or the password file, never from `uri`), creates or migrates the schema and
   // starts following the other daemons' changes. Throws PostgresError.
   static std::shared_ptr<PostgresDatabase> open(const std::string& uri,
                                                 PostgresOptions options = {});
-  ~PostgresDatabase();
-  PostgresDatabase(const PostgresDatabase&) = delete;
-  PostgresDatabase& operator=(const PostgresDatabase&) = delete;
+  ~PostgresDatabase() override;
 
   // The connection string with any password removed, for messages.
   const std::string& location() const noexcept;
@@ -77,11 +65,9 @@ class QVPOSTGRES_API PostgresDatabase : public std::enable_shared_from_this<Post
   // False from a lost connection until the server answers again.
   bool reachable() const noexcept;
 
-  // Records an event of this daemon (for the others) and wakes their feeds. Throws PostgresError.
-  void announce(const std::string& kind, const std::string& payload);
-  // Hands events of `kind` from other daemons to `handler` from now on; an empty handler stops
-  // that, waiting for a delivery in progress on another thread.
-  void follow(const std::string& kind, EventHandler handler);
+  // Throws PostgresError.
+  void announce(const std::string& kind, const std::string& payload) override;
+  void follow(const std::string& kind, EventHandler handler) override;
 
   class Impl;
   // Made by open(); public only so that a shared pointer can be made of it.

@@ -9,10 +9,12 @@
 
 #include <qvpostgres/postgres_database.hpp>
 
-#include <qvknowledge/triplet_store.hpp>
-#include <qvusersession/usersession_service.hpp>
+#include <qvstorage/storage.hpp>
+#include <qvstorage/triplet_store.hpp>
+#include <qvstorage/user_store.hpp>
 
 #include <memory>
+#include <string>
 
 namespace QV {
 
@@ -23,5 +25,10 @@ QVPOSTGRES_API std::shared_ptr<TripletStore> makePostgresTripletStore(
 // Throws UserSessionError from its calls, naming the database.
 QVPOSTGRES_API std::unique_ptr<UserStore> makePostgresUserStore(
     std::shared_ptr<PostgresDatabase> database);
+
+// The stores of the database `uri` names, for the store factory: connects at once (throwing
+// PostgresError), opens both stores on that one connection pool, and its feed is the database.
+QVPOSTGRES_API std::unique_ptr<Storage> openPostgresStorage(const std::string& uri,
+                                                            const StoreOptions& options);
 
 }  // namespace QV

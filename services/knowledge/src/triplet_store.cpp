@@ -1,7 +1,0 @@
-#include "qvknowledge/triplet_store.hpp"
-
-namespace QV {
-
-TripletStore::~TripletStore() = default;
-
-}  // namespace QV
