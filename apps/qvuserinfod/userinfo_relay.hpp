@@ -4,6 +4,8 @@
 // the others through the stores' event feed, and what they announce is emitted here, so that a
 // subscriber of any daemon hears of a change made through any of them.
 
+#include "announcement_outbox.hpp"
+
 #include <qvstorage/event_feed.hpp>
 
 #include <ka/signal.hpp>
@@ -29,18 +31,12 @@ class UserInfoRelay {
   UserInfoRelay& operator=(const UserInfoRelay&) = delete;
 
  private:
-  // Announces `kind`/`payload`, and first what earlier announcements left behind while the
-  // database was unreachable; keeps it for the next time if it cannot.
-  void announce(std::string kind, std::string payload);
-
   QV::QVUserInfo& _userInfo;
   const std::shared_ptr<QV::EventFeed> _database;
+  // Before the links: the subscribers post to it until the destructor has ended them.
+  AnnouncementOutbox _outbox;
   ka::SignalLink _editedLink = ka::SignalLink_Invalid;
   ka::SignalLink _removedLink = ka::SignalLink_Invalid;
-
-  std::mutex _outboxMutex;
-  // Guarded by _outboxMutex: announcements not yet recorded, oldest first.
-  std::deque<std::pair<std::string, std::string>> _outbox;
 };
 
 }  // namespace qvuserinfod

@@ -166,13 +166,20 @@ bool PostgresDatabase::reachable() const noexcept {
   return _impl->pool.reachable();
 }
 
-void PostgresDatabase::announce(const std::string& kind, const std::string& payload) {
-  static const pg::Statement announce{"qv_announce",
-                                      "SELECT qv_announce($1::text, $2::text, $3::bytea)"};
+void PostgresDatabase::announce(const std::string& kind, const std::string& payload,
+                                std::uint64_t notice) {
+  static const pg::Statement announce{
+      "qv_announce_once", "SELECT qv_announce_once($1::text, $2::bigint, $3::text, $4::bytea)"};
   try {
-    _impl->withConnection([&](pg::Connection& connection, pg::Clock::time_point deadline) {
-      connection.run(announce, {{_impl->origin, false}, {kind, false}, {payload}}, deadline);
-    });
+    // Recorded once whatever happens, so a connection found cut may simply try again.
+    _impl->withConnection(
+        [&](pg::Connection& connection, pg::Clock::time_point deadline) {
+          connection.run(
+              announce,
+              {{_impl->origin, false}, {std::to_string(notice), false}, {kind, false}, {payload}},
+              deadline);
+        },
+        true);
   } catch (const pg::Failure& e) {
     throw PostgresError("database '" + _impl->conninfo + "': announcing " + kind +
                         " failed: " + e.what());

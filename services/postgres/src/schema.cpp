@@ -121,8 +121,29 @@ BEGIN
 END $$;
 )SQL";
 
+// Version 2.
+// An announcement may reach the database twice: recorded, its reply lost with the server, then
+// recorded again by the daemon's retry. Numbered by its daemon, the second recording finds the
+// first and changes nothing, so no daemon hears it twice. Older rows keep no number.
+const char* const kVersion2 = R"SQL(
+ALTER TABLE qv_events ADD COLUMN notice bigint;
+CREATE UNIQUE INDEX qv_events_by_notice ON qv_events (origin, notice) WHERE notice IS NOT NULL;
+
+CREATE FUNCTION qv_announce_once(p_origin text, p_notice bigint, p_kind text, p_payload bytea)
+RETURNS void LANGUAGE plpgsql VOLATILE AS $$
+BEGIN
+  PERFORM pg_advisory_xact_lock(20822, 2);
+  INSERT INTO qv_events (origin, notice, kind, payload)
+  VALUES (p_origin, p_notice, p_kind, p_payload)
+  ON CONFLICT (origin, notice) WHERE notice IS NOT NULL DO NOTHING;
+  IF FOUND THEN
+    PERFORM pg_notify('qv_events', '');
+  END IF;
+END $$;
+)SQL";
+
 const std::vector<const char*>& migrations() {
-  static const std::vector<const char*> all = {kVersion1};
+  static const std::vector<const char*> all = {kVersion1, kVersion2};
   return all;
 }
 

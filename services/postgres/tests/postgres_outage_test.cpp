@@ -9,8 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "pg_test_server.hpp"
 
@@ -86,6 +89,29 @@ TEST(DatabaseOutage, WhileTheServerIsDownEachFailureSaysWhatAFreshAttemptWould) 
   EXPECT_THAT(last, HasSubstr("unreachable"));
   EXPECT_THAT(last, Not(HasSubstr("closed the connection")));
   EXPECT_THAT(last, HasSubstr("failed: ")) << "not the words of a connection attempt";
+}
+
+// A retry after a lost reply records the announcement again under its number: heard once.
+TEST(DatabaseOutage, AnAnnouncementRecordedAgainUnderItsNumberIsHeardOnce) {
+  pgtest::TestDatabase database;
+  auto announcer = QV::PostgresDatabase::open(database.uri());
+  auto listener = QV::PostgresDatabase::open(database.uri());
+  std::mutex mutex;
+  std::condition_variable heardOne;
+  std::vector<std::string> heard;  // guarded by mutex
+  listener->follow("test.kind", [&](const QV::StoreEvent& event) {
+    std::lock_guard lock(mutex);
+    heard.push_back(event.payload);
+    heardOne.notify_all();
+  });
+  announcer->announce("test.kind", "first", 1);
+  announcer->announce("test.kind", "first", 1);
+  announcer->announce("test.kind", "second", 2);
+  std::unique_lock lock(mutex);
+  heardOne.wait_for(lock, kWait, [&] { return heard.size() >= 2; });
+  EXPECT_EQ(heard, (std::vector<std::string>{"first", "second"}));
+  lock.unlock();
+  listener->follow("test.kind", nullptr);
 }
 
 }  // namespace

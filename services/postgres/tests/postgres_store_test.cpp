@@ -125,7 +125,7 @@ TEST(SharedDatabase, ASchemaNewerThanThisBuildIsRefusedNamingBothVersions) {
     QV::PostgresDatabase::open(database.uri());
     FAIL() << "opened a newer schema";
   } catch (const QV::PostgresError& e) {
-    EXPECT_THAT(e.what(), HasSubstr("schema version 99, newer than version 1"));
+    EXPECT_THAT(e.what(), HasSubstr("schema version 99, newer than version 2"));
   }
 }
 

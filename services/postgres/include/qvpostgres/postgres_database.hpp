@@ -66,7 +66,7 @@ class QVPOSTGRES_API PostgresDatabase final
   bool reachable() const noexcept;
 
   // Throws PostgresError.
-  void announce(const std::string& kind, const std::string& payload) override;
+  void announce(const std::string& kind, const std::string& payload, std::uint64_t notice) override;
   void follow(const std::string& kind, EventHandler handler) override;
 
   class Impl;

@@ -27,9 +27,13 @@ class QVSTORAGE_API EventFeed {
 
   virtual ~EventFeed();
 
-  // Records an event of this daemon (for the others) and wakes their feeds. Throws the backend's
-  // error (a std::runtime_error) when the event cannot be recorded.
-  virtual void announce(const std::string& kind, const std::string& payload) = 0;
+  // Records an event of this daemon (for the others) and wakes their feeds. `notice` numbers the
+  // announcements of this feed (distinct for each, from 1): recording one again under the same
+  // number, as a retry does when the reply to the first recording was lost, changes nothing, so
+  // the others hear it once. Throws the backend's error (a std::runtime_error) when the event
+  // cannot be recorded; it may have been recorded all the same.
+  virtual void announce(const std::string& kind, const std::string& payload,
+                        std::uint64_t notice) = 0;
   // Hands events of `kind` from other daemons to `handler` from now on; an empty handler stops
   // that, waiting for a delivery in progress on another thread.
   virtual void follow(const std::string& kind, EventHandler handler) = 0;
