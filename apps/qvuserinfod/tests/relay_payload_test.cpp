@@ -29,7 +29,7 @@ std::string unhex(const std::string& text) {
   return out;
 }
 
-TEST(RelayPayload, AnEditComesBackWithItsUserNameValueAndSignature) {
+TEST(RelayPayload, EditsAndRemovalsComeBackWithTheirUserNameAndTheValueWithItsSignature) {
   const struct {
     int userId;
     std::string dataName;
@@ -53,6 +53,9 @@ TEST(RelayPayload, AnEditComesBackWithItsUserNameValueAndSignature) {
     EXPECT_EQ(back.dataName, c.dataName);
     EXPECT_EQ(back.value.signature().toString(), c.value.signature().toString());
     EXPECT_TRUE(back.value == c.value);
+    const auto removed = readRemoved(removedPayload(c.userId, c.dataName));
+    EXPECT_EQ(removed.userId, c.userId);
+    EXPECT_EQ(removed.dataName, c.dataName);
   }
 }
 
@@ -87,13 +90,6 @@ TEST(RelayPayload, EditsInTheFormOfEarlierDaemonsAreStillRead) {
     EXPECT_EQ(back.value.signature().toString(), c.expected.signature().toString());
     EXPECT_TRUE(back.value == c.expected);
   }
-}
-
-TEST(RelayPayload, ARemovalComesBackWithItsUserAndName) {
-  const auto back = readRemoved(removedPayload(-5, "gone"));
-  EXPECT_EQ(back.userId, -5);
-  EXPECT_EQ(back.dataName, "gone");
-  EXPECT_FALSE(back.value.isValid());
 }
 
 // A C++ type with no wire form.
