@@ -70,6 +70,7 @@ struct TypeCodeInfo {
   constexpr bool isContainer() const { return code == '[' || code == '{' || code == '('; }
 };
 
+// Codes are ASCII; a code appears once.
 inline constexpr TypeCodeInfo kTypeCodes[] = {
     {'v', TypeKind::Void, "void", 0, false, kWireNil, ""},
     {'b', TypeKind::Int, "bool", 0, false, kWireBool, ""},
@@ -97,14 +98,46 @@ inline constexpr TypeCodeInfo kTypeCodes[] = {
     {'X', TypeKind::Unknown, "unknown type", 0, false, 0, ""},
 };
 
-// The row of `code`, nullptr for a character that starts no type.
-constexpr const TypeCodeInfo* typeCodeInfo(char code) {
-  for (const TypeCodeInfo& row : kTypeCodes) {
-    if (row.code == code) {
-      return &row;
+namespace detail {
+
+// The row of each ASCII character, -1 for none: the codec looks up the type of every value it
+// reads, and the signature parser every character of a peer's text.
+struct TypeCodeIndex {
+  std::int8_t rows[128] = {};
+};
+
+constexpr TypeCodeIndex makeTypeCodeIndex() {
+  TypeCodeIndex index;
+  for (std::int8_t& row : index.rows) {
+    row = -1;
+  }
+  for (std::size_t i = 0; i < sizeof(kTypeCodes) / sizeof(kTypeCodes[0]); ++i) {
+    index.rows[static_cast<unsigned char>(kTypeCodes[i].code) & 127] = static_cast<std::int8_t>(i);
+  }
+  return index;
+}
+
+inline constexpr TypeCodeIndex kTypeCodeIndex = makeTypeCodeIndex();
+
+constexpr bool typeCodesAreDistinctAscii() {
+  for (std::size_t i = 0; i < sizeof(kTypeCodes) / sizeof(kTypeCodes[0]); ++i) {
+    const auto c = static_cast<unsigned char>(kTypeCodes[i].code);
+    if (c == 0 || c >= 128 || kTypeCodeIndex.rows[c] != static_cast<std::int8_t>(i)) {
+      return false;
     }
   }
-  return nullptr;
+  return true;
+}
+static_assert(typeCodesAreDistinctAscii(),
+              "every row of kTypeCodes needs an ASCII code of its own");
+
+}  // namespace detail
+
+// The row of `code`, nullptr for a character that starts no type.
+constexpr const TypeCodeInfo* typeCodeInfo(char code) {
+  const auto c = static_cast<unsigned char>(code);
+  const int row = c < 128 ? detail::kTypeCodeIndex.rows[c] : -1;
+  return row < 0 ? nullptr : &kTypeCodes[row];
 }
 
 // A letter that is a whole type by itself (not a bracket).
