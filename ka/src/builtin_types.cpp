@@ -1,6 +1,7 @@
 // The exported descriptions of the non-template types: void, std::string and
 // AnyValue used as a dynamic value.
 #include <ka/anyvalue.hpp>
+#include <ka/valuekinds.hpp>
 
 #include <memory>
 
@@ -19,29 +20,8 @@ bool sameType(const TypeInterface* a, const TypeInterface* b) {
 }
 
 const char* toString(TypeKind kind) {
-  switch (kind) {
-    case TypeKind::Void:
-      return "void";
-    case TypeKind::Int:
-      return "int";
-    case TypeKind::Float:
-      return "float";
-    case TypeKind::String:
-      return "string";
-    case TypeKind::List:
-      return "list";
-    case TypeKind::Map:
-      return "map";
-    case TypeKind::Tuple:
-      return "tuple";
-    case TypeKind::Dynamic:
-      return "dynamic";
-    case TypeKind::Object:
-      return "object";
-    case TypeKind::Unknown:
-      break;
-  }
-  return "unknown";
+  const auto index = static_cast<std::size_t>(kind);
+  return index < kTypeKindCount ? kKinds[index].name : "unknown";
 }
 
 namespace detail {

@@ -4,6 +4,7 @@
 // floats only the range is checked: rounding a double to the nearest float is what
 // asking for a float means.
 #include <ka/anyvalue.hpp>
+#include <ka/valuekinds.hpp>
 
 #include <cfloat>
 #include <cmath>
@@ -20,6 +21,11 @@ const std::string& sig(const TypeInterface* t) {
 [[noreturn]] void fail(const TypeInterface* from, const TypeInterface* to,
                        const std::string& reason) {
   throw ConversionError(sig(from), sig(to), reason);
+}
+
+[[noreturn]] void noConversion(const TypeInterface* from, const TypeInterface* to) {
+  fail(from, to,
+       std::string("no conversion from ") + toString(from->kind()) + " to " + toString(to->kind()));
 }
 
 // A default value of `type`, owned from the start so that an exception in the middle of
@@ -190,68 +196,54 @@ AnyValue convertImpl(const AnyReference& src, const TypeInterface* to) {
     }
     return convertImpl(inner, to);
   }
+  const TypeKind fromKind = from->kind();
+  const TypeKind toKind = to->kind();
+  const bool convertible = fromKind == toKind
+                               ? fromKind != TypeKind::Unknown
+                               : kindInfo(fromKind).number && kindInfo(toKind).number;
+  if (!convertible) {
+    noConversion(from, to);
+  }
+  // From here `from` is of the same kind as `to`, or both are numbers.
   void* storage = src.rawValue();
-  switch (to->kind()) {
-    case TypeKind::Int: {
-      const auto* target = static_cast<const IntTypeInterface*>(to);
-      if (from->kind() == TypeKind::Int) {
-        return intFromInt(static_cast<const IntTypeInterface*>(from), storage, target);
+  switch (toKind) {
+    case TypeKind::Int:
+      if (fromKind == TypeKind::Float) {
+        return intFromFloat(static_cast<const FloatTypeInterface*>(from), storage,
+                            static_cast<const IntTypeInterface*>(to));
       }
-      if (from->kind() == TypeKind::Float) {
-        return intFromFloat(static_cast<const FloatTypeInterface*>(from), storage, target);
-      }
-      break;
-    }
+      return intFromInt(static_cast<const IntTypeInterface*>(from), storage,
+                        static_cast<const IntTypeInterface*>(to));
     case TypeKind::Float:
-      if (from->kind() == TypeKind::Int || from->kind() == TypeKind::Float) {
-        return floatFromNumber(from, storage, static_cast<const FloatTypeInterface*>(to));
-      }
-      break;
-    case TypeKind::String:
-      if (from->kind() == TypeKind::String) {
-        AnyValue out = fresh(to);
-        static_cast<const StringTypeInterface*>(to)->set(
-            out.rawValue(), static_cast<const StringTypeInterface*>(from)->get(storage));
-        return out;
-      }
-      break;
+      return floatFromNumber(from, storage, static_cast<const FloatTypeInterface*>(to));
+    case TypeKind::String: {
+      AnyValue out = fresh(to);
+      static_cast<const StringTypeInterface*>(to)->set(
+          out.rawValue(), static_cast<const StringTypeInterface*>(from)->get(storage));
+      return out;
+    }
     case TypeKind::List:
-      if (from->kind() == TypeKind::List) {
-        return listFromList(static_cast<const ListTypeInterface*>(from), storage,
-                            static_cast<const ListTypeInterface*>(to));
-      }
-      break;
+      return listFromList(static_cast<const ListTypeInterface*>(from), storage,
+                          static_cast<const ListTypeInterface*>(to));
     case TypeKind::Map:
-      if (from->kind() == TypeKind::Map) {
-        return mapFromMap(static_cast<const MapTypeInterface*>(from), storage,
-                          static_cast<const MapTypeInterface*>(to));
-      }
-      break;
+      return mapFromMap(static_cast<const MapTypeInterface*>(from), storage,
+                        static_cast<const MapTypeInterface*>(to));
     case TypeKind::Tuple:
-      if (from->kind() == TypeKind::Tuple) {
-        return tupleFromTuple(static_cast<const TupleTypeInterface*>(from), storage,
-                              static_cast<const TupleTypeInterface*>(to));
-      }
-      break;
+      return tupleFromTuple(static_cast<const TupleTypeInterface*>(from), storage,
+                            static_cast<const TupleTypeInterface*>(to));
     case TypeKind::Void:
-      if (from->kind() == TypeKind::Void) {
-        return AnyValue::makeVoid();
-      }
-      break;
-    case TypeKind::Object:
-      if (from->kind() == TypeKind::Object) {
-        AnyValue out = fresh(to);
-        static_cast<const ObjectTypeInterface*>(to)->setObject(
-            out.rawValue(), static_cast<const ObjectTypeInterface*>(from)->object(storage));
-        return out;
-      }
-      break;
-    case TypeKind::Dynamic:
-    case TypeKind::Unknown:
+      return AnyValue::makeVoid();
+    case TypeKind::Object: {
+      AnyValue out = fresh(to);
+      static_cast<const ObjectTypeInterface*>(to)->setObject(
+          out.rawValue(), static_cast<const ObjectTypeInterface*>(from)->object(storage));
+      return out;
+    }
+    case TypeKind::Dynamic:  // handled above
+    case TypeKind::Unknown:  // never convertible
       break;
   }
-  fail(from, to,
-       std::string("no conversion from ") + toString(from->kind()) + " to " + toString(to->kind()));
+  noConversion(from, to);
 }
 
 }  // namespace

@@ -1,11 +1,8 @@
 #include <ka/signature.hpp>
-
-#include <cstring>
+#include <ka/valuekinds.hpp>
 
 namespace ka {
 namespace {
-
-constexpr const char* kLeafLetters = "vbcCwWiIlLfdsmoX";
 
 // Returns the position just past the one type starting at `pos`, or npos when the text there
 // is not a well-formed type. Iterative: texts come from peers, and a recursive descent would
@@ -23,7 +20,7 @@ std::size_t skipType(const std::string& s, std::size_t pos) {
       open.push_back(c);
       continue;
     }
-    if (c == '\0' || std::strchr(kLeafLetters, c) == nullptr) {
+    if (!isBasicTypeLetter(c)) {
       // A closing byte ends the innermost container when it has all its members.
       if (open.empty()) {
         return std::string::npos;

@@ -224,6 +224,8 @@ class RuntimeTupleType : public detail::StorageImpl<TupleStorage, TupleTypeInter
   std::vector<const TypeInterface*> _members;
 };
 
+// The C++ type of each basic letter of kTypeCodes; a letter without a case gives no type, which
+// the test of every value kind reports.
 const TypeInterface* basicType(char letter) {
   switch (letter) {
     case 'v':

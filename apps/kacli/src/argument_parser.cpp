@@ -3,6 +3,7 @@
 #include <ka/signature.hpp>
 #include <ka/signaturetype.hpp>
 #include <ka/typeinterface.hpp>
+#include <ka/valuekinds.hpp>
 
 #include <cstdint>
 #include <limits>
@@ -35,9 +36,28 @@ const char* jsonKind(const json& j) {
   }
 }
 
-[[noreturn]] void mismatch(const json& j, const ka::TypeInterface* target, const char* expected) {
-  throw ArgumentError("'" + target->signature().toString() + "' expects " + expected + ", got " +
-                      jsonKind(j));
+// The JSON a value of each kind is given as, in the order of ka::TypeKind; nullptr where the kind
+// takes any JSON (a dynamic value) or none.
+constexpr const char* kExpectedJson[] = {
+    "null",                                         // void
+    "an integer or a boolean",                      // int (and bool)
+    "a number",                                     // float
+    "a string",                                     // string
+    "an array",                                     // list
+    "an object or an array of [key, value] pairs",  // map
+    "an array",                                     // tuple
+    nullptr,                                        // dynamic
+    nullptr,                                        // object
+    nullptr,                                        // unknown
+};
+static_assert(sizeof(kExpectedJson) / sizeof(kExpectedJson[0]) == ka::kTypeKindCount,
+              "every kind says which JSON gives it");
+
+// Refuses `j` as a value of `target`, saying what its kind is given as.
+[[noreturn]] void mismatch(const json& j, const ka::TypeInterface* target) {
+  const char* expected = kExpectedJson[static_cast<std::size_t>(target->kind())];
+  throw ArgumentError("'" + target->signature().toString() + "' expects " +
+                      (expected != nullptr ? expected : "no JSON") + ", got " + jsonKind(j));
 }
 
 // `value` with exactly the type `target`, converted when it has another.
@@ -75,14 +95,9 @@ ka::AnyValue makeList(const ka::TypeInterface* listType, std::vector<ka::AnyValu
 }
 
 ka::AnyValue scalarValue(const json& j, const ka::TypeInterface* target) {
-  if (j.is_null() || j.is_array() || j.is_object()) {
-    const char* expected = target->kind() == ka::TypeKind::String  ? "a string"
-                           : target->kind() == ka::TypeKind::Float ? "a number"
-                                                                   : "an integer or a boolean";
-    mismatch(j, target, expected);
-  }
-  if (target->kind() == ka::TypeKind::String && !j.is_string()) {
-    mismatch(j, target, "a string");
+  if (j.is_null() || j.is_array() || j.is_object() ||
+      (target->kind() == ka::TypeKind::String && !j.is_string())) {
+    mismatch(j, target);
   }
   return ofType(naturalValue(j), target);
 }
@@ -123,14 +138,14 @@ ka::AnyValue mapValue(const json& j, const ka::TypeInterface* target) {
     }
     return result;
   }
-  mismatch(j, target, "an object or an array of [key, value] pairs");
+  mismatch(j, target);
 }
 
 ka::AnyValue tupleValue(const json& j, const ka::TypeInterface* target) {
   const auto* tuple = static_cast<const ka::TupleTypeInterface*>(target);
   const auto& members = tuple->memberTypes();
   if (!j.is_array()) {
-    mismatch(j, target, "an array");
+    mismatch(j, target);
   }
   if (j.size() != members.size()) {
     throw ArgumentError("'" + target->signature().toString() + "' expects an array of " +
@@ -212,7 +227,7 @@ ka::AnyValue typedValue(const json& j, const ka::TypeInterface* target) {
   switch (target->kind()) {
     case ka::TypeKind::Void:
       if (!j.is_null()) {
-        mismatch(j, target, "null");
+        mismatch(j, target);
       }
       return ka::AnyValue::makeVoid();
     case ka::TypeKind::Int:
@@ -221,7 +236,7 @@ ka::AnyValue typedValue(const json& j, const ka::TypeInterface* target) {
       return scalarValue(j, target);
     case ka::TypeKind::List: {
       if (!j.is_array()) {
-        mismatch(j, target, "an array");
+        mismatch(j, target);
       }
       const auto* list = static_cast<const ka::ListTypeInterface*>(target);
       std::vector<ka::AnyValue> elements;
@@ -239,10 +254,11 @@ ka::AnyValue typedValue(const json& j, const ka::TypeInterface* target) {
       return ka::AnyValue::make(naturalValue(j));
     case ka::TypeKind::Object:
       throw ArgumentError("an object ('o') cannot be given on the command line");
-    default:
-      throw ArgumentError("'" + target->signature().toString() +
-                          "' cannot be given on the command line");
+    case ka::TypeKind::Unknown:
+      break;
   }
+  throw ArgumentError("'" + target->signature().toString() +
+                      "' cannot be given on the command line");
 }
 
 ka::AnyValue parseArgument(const std::string& text) {

@@ -146,9 +146,10 @@ json toJson(const ka::AnyReference& value) {
       }
       return "<object>";
     }
-    default:
-      return "<opaque " + std::string(type->info().name()) + ">";
+    case ka::TypeKind::Unknown:
+      break;
   }
+  return "<opaque " + std::string(type->info().name()) + ">";
 }
 
 std::string toJsonText(const ka::AnyReference& value) {

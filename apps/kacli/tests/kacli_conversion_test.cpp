@@ -3,10 +3,12 @@
 
 #include "argument_parser.hpp"
 #include "interface_printer.hpp"
+#include "type_code_samples.hpp"
 #include "value_printer.hpp"
 
 #include <ka/dynamicobjectbuilder.hpp>
 #include <ka/signaturetype.hpp>
+#include <ka/valuekinds.hpp>
 
 #include <gtest/gtest.h>
 
@@ -186,6 +188,31 @@ TEST(KacliResults, EverySignaturePrintsAsJson) {
             "\"in\"");
   EXPECT_EQ(toJsonText(ka::AnyValue::make(std::string("quote\" and \\ and \n"))),
             "\"quote\\\" and \\\\ and \\n\"");
+}
+
+// Every row of ka's type codes prints, and what it prints reads back as the same value when given
+// with its signature; a type code without a row here fails.
+TEST(KacliResults, EveryTypeCodePrintsAndReadsBackWithItsSignature) {
+  const std::map<char, std::string> printed{
+      {'v', "null"}, {'b', "true"},      {'c', "1"},         {'C', "1"},         {'w', "1"},
+      {'W', "1"},    {'i', "1"},         {'I', "1"},         {'l', "1"},         {'L', "1"},
+      {'f', "1.0"},  {'d', "1.0"},       {'s', "\"a\""},     {'m', "1"},         {'o', "null"},
+      {'[', "[1]"},  {'{', "{\"a\":1}"}, {'(', "[1,\"a\"]"}, {'X', "\"<opaque"},
+  };
+  const auto samples = ka_test::typeCodeSamples();
+  for (const ka::TypeCodeInfo& row : ka::kTypeCodes) {
+    SCOPED_TRACE(std::string(1, row.code));
+    ASSERT_EQ(samples.count(row.code), 1u);
+    ASSERT_EQ(printed.count(row.code), 1u);
+    const ka::AnyValue& sample = samples.at(row.code);
+    const std::string text = toJsonText(sample);
+    EXPECT_EQ(text.rfind(printed.at(row.code), 0), 0u) << text;
+    if (row.kind == ka::TypeKind::Object || row.kind == ka::TypeKind::Unknown) {
+      EXPECT_THROW(kacli::typedValue(kacli::toJson(sample), sample.type()), ArgumentError);
+    } else {
+      EXPECT_TRUE(kacli::typedValue(kacli::toJson(sample), sample.type()) == sample);
+    }
+  }
 }
 
 TEST(KacliResults, StringsThatAreNotUtf8PrintAsBase64) {

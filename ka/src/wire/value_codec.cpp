@@ -5,11 +5,13 @@
 //   o nil for a null handle, else whatever the connection's ObjectCodec writes
 // Reading is strict about kinds and ranges, lenient only where a writer in another language
 // has no choice: str and bin both read as "s", an integer reads as "f"/"d" when it is exact,
-// and a float64 reads as "f" when in range.
+// and a float64 reads as "f" when in range. The msgpack forms each letter accepts are a column
+// of kTypeCodes (<ka/valuekinds.hpp>); what is read from them is per kind below.
 #include "wire/value_codec.hpp"
 
 #include <ka/object.hpp>
 #include <ka/signaturetype.hpp>
+#include <ka/valuekinds.hpp>
 
 #include <cfloat>
 #include <cmath>
@@ -57,52 +59,10 @@ bool hasUnknown(const Signature& s) {
 
 // ---- descriptions for error texts ----
 
-const char* letterName(char c) {
-  switch (c) {
-    case 'v':
-      return "void";
-    case 'b':
-      return "bool";
-    case 'c':
-      return "int8";
-    case 'C':
-      return "uint8";
-    case 'w':
-      return "int16";
-    case 'W':
-      return "uint16";
-    case 'i':
-      return "int32";
-    case 'I':
-      return "uint32";
-    case 'l':
-      return "int64";
-    case 'L':
-      return "uint64";
-    case 'f':
-      return "float";
-    case 'd':
-      return "double";
-    case 's':
-      return "string";
-    case 'm':
-      return "dynamic value";
-    case 'o':
-      return "object";
-    case '[':
-      return "list";
-    case '{':
-      return "map";
-    case '(':
-      return "tuple";
-    default:
-      return "unknown type";
-  }
-}
-
 std::string describeExpected(const TypeInterface& t) {
   const std::string& text = t.signature().toString();
-  return text + " (" + letterName(text.empty() ? '?' : text[0]) + ")";
+  const TypeCodeInfo* row = text.empty() ? nullptr : typeCodeInfo(text[0]);
+  return text + " (" + (row != nullptr ? row->name : "unknown type") + ")";
 }
 
 std::string describeGot(const msgpack::object& o) {
@@ -131,6 +91,32 @@ std::string describeGot(const msgpack::object& o) {
       return "ext";
   }
   return "an unknown msgpack type";
+}
+
+std::uint16_t formOf(const msgpack::object& o) {
+  switch (o.type) {
+    case msgpack::type::NIL:
+      return kWireNil;
+    case msgpack::type::BOOLEAN:
+      return kWireBool;
+    case msgpack::type::POSITIVE_INTEGER:
+    case msgpack::type::NEGATIVE_INTEGER:
+      return kWireInteger;
+    case msgpack::type::FLOAT32:
+    case msgpack::type::FLOAT64:
+      return kWireFloat;
+    case msgpack::type::STR:
+      return kWireStr;
+    case msgpack::type::BIN:
+      return kWireBin;
+    case msgpack::type::ARRAY:
+      return kWireArray;
+    case msgpack::type::MAP:
+      return kWireMap;
+    case msgpack::type::EXT:
+      return kWireExt;
+  }
+  return 0;
 }
 
 [[noreturn]] void mismatch(const TypeInterface& t, const msgpack::object& o,
@@ -286,20 +272,25 @@ class Reader {
   Reader(ObjectCodec* objects, std::size_t maxDepth) : _objects(objects), _maxDepth(maxDepth) {}
 
   AnyValue read(const msgpack::object& o, const TypeInterface& t, std::size_t depth) {
+    // Whether the msgpack form can be one of the type is the same question for every kind. The
+    // readers below rely on it, so a type whose signature does not start with a code of its kind
+    // (or with one that never travels) is not read at all.
+    const std::string& text = t.signature().toString();
+    const TypeCodeInfo* code = text.empty() ? nullptr : typeCodeInfo(text[0]);
+    if (code == nullptr || code->kind != t.kind() || code->wireForms == 0) {
+      throw DecodeError("A value of signature '" + text + "' cannot be read from the wire");
+    }
+    if ((code->wireForms & formOf(o)) == 0) {
+      mismatch(t, o, code->layout);
+    }
     switch (t.kind()) {
       case TypeKind::Void:
-        if (o.type != msgpack::type::NIL) {
-          mismatch(t, o);
-        }
         return AnyValue::makeVoid();
       case TypeKind::Int:
         return readInt(o, static_cast<const IntTypeInterface&>(t));
       case TypeKind::Float:
         return readFloat(o, static_cast<const FloatTypeInterface&>(t));
       case TypeKind::String: {
-        if (o.type != msgpack::type::STR && o.type != msgpack::type::BIN) {
-          mismatch(t, o);
-        }
         AnyValue out = fresh(t);
         // str and bin share the layout of their size and pointer.
         static_cast<const StringTypeInterface&>(t).set(out.rawValue(),
@@ -316,11 +307,10 @@ class Reader {
         return readDynamic(o, static_cast<const DynamicTypeInterface&>(t), depth);
       case TypeKind::Object:
         return readObject(o, static_cast<const ObjectTypeInterface&>(t));
-      case TypeKind::Unknown:
+      case TypeKind::Unknown:  // no row of this kind travels
         break;
     }
-    throw DecodeError("A value of signature '" + t.signature().toString() +
-                      "' cannot be read from the wire");
+    throw DecodeError("A value of signature '" + text + "' cannot be read from the wire");
   }
 
  private:
@@ -333,9 +323,6 @@ class Reader {
   static AnyValue readInt(const msgpack::object& o, const IntTypeInterface& t) {
     AnyValue out = fresh(t);
     if (t.size() == 0) {
-      if (o.type != msgpack::type::BOOLEAN) {
-        mismatch(t, o);
-      }
       t.set(out.rawValue(), o.via.boolean ? 1 : 0);
       return out;
     }
@@ -400,9 +387,6 @@ class Reader {
   }
 
   AnyValue readList(const msgpack::object& o, const ListTypeInterface& t, std::size_t depth) {
-    if (o.type != msgpack::type::ARRAY) {
-      mismatch(t, o);
-    }
     enter(t, o, depth);
     AnyValue out = fresh(t);
     const auto& array = o.via.array;
@@ -416,9 +400,6 @@ class Reader {
   }
 
   AnyValue readMap(const msgpack::object& o, const MapTypeInterface& t, std::size_t depth) {
-    if (o.type != msgpack::type::MAP) {
-      mismatch(t, o);
-    }
     enter(t, o, depth);
     AnyValue out = fresh(t);
     const auto& map = o.via.map;
@@ -438,9 +419,6 @@ class Reader {
 
   AnyValue readTuple(const msgpack::object& o, const TupleTypeInterface& t, std::size_t depth) {
     const auto& members = t.memberTypes();
-    if (o.type != msgpack::type::ARRAY) {
-      mismatch(t, o);
-    }
     if (o.via.array.size != members.size()) {
       mismatch(t, o, "(a tuple of " + std::to_string(members.size()) + " members)");
     }
@@ -458,8 +436,7 @@ class Reader {
     if (o.type == msgpack::type::NIL) {
       return out;  // holds nothing
     }
-    if (o.type != msgpack::type::ARRAY || o.via.array.size != 2 ||
-        o.via.array.ptr[0].type != msgpack::type::STR) {
+    if (o.via.array.size != 2 || o.via.array.ptr[0].type != msgpack::type::STR) {
       mismatch(t, o, "(expected nil or [signature, value])");
     }
     enter(t, o, depth);

@@ -268,6 +268,7 @@ TEST(DecodedValue, IsAcceptedByMethodsTakingCxxTypesAndPicksTheRightOverload) {
 }
 
 // ---- refusals ----
+// A msgpack form that a letter never accepts is refused for every letter in value_kinds_test.cpp.
 
 TEST(DecodeRefusal, IntegersOutOfTheTargetRangeAreRefusedAtTheExactBounds) {
   EXPECT_EQ(decode(unhex("7f"), "c").toInt64(), 127);
@@ -280,18 +281,11 @@ TEST(DecodeRefusal, IntegersOutOfTheTargetRangeAreRefusedAtTheExactBounds) {
   expectRefused(unhex("cf8000000000000000"), "l", "out of range");
   EXPECT_EQ(decode(unhex("cfffffffffffffffff"), "L").to<std::uint64_t>(),
             std::numeric_limits<std::uint64_t>::max());
-  expectRefused(unhex("c3"), "i", "expected i (int32), got bool");
-  expectRefused(unhex("01"), "b", "expected b (bool), got uint");
-  expectRefused(unhex("cb3ff8000000000000"), "l", "got float64");
 }
 
-TEST(DecodeRefusal, MismatchesSayWhatWasExpectedAndWhatCame) {
-  expectRefused(unhex("a161"), "i", "expected i (int32), got str");
-  expectRefused(unhex("07"), "s", "expected s (string), got uint");
+TEST(DecodeRefusal, ContainersOfTheRightFormButTheWrongShapeSayWhatWasExpectedAndWhatCame) {
   expectRefused(unhex("9107"), "(is)", "expected (is) (tuple), got array of 1");
-  expectRefused(unhex("80"), "[i]", "expected [i] (list), got map of 0");
   expectRefused(unhex("9107"), "[s]", "expected s (string), got uint");
-  expectRefused(unhex("07"), "v", "expected v (void), got uint");
   expectRefused(unhex("82a16101a16102"), "{si}", "repeated key");
   expectRefused(unhex("93a16907c0"), "m", "expected m (dynamic value), got array of 3");
 }

@@ -3,6 +3,7 @@
 // Included by <ka/typeof.hpp>; not meant to be used directly.
 
 #include <ka/typeinterface.hpp>
+#include <ka/valuekinds.hpp>
 
 #include <map>
 #include <memory>
@@ -91,20 +92,8 @@ class IntTypeImpl : public StorageImpl<T, IntTypeInterface> {
 
  private:
   static std::string letter() {
-    if (std::is_same<T, bool>::value) {
-      return "b";
-    }
-    const bool s = std::is_signed<T>::value;
-    switch (sizeof(T)) {
-      case 1:
-        return s ? "c" : "C";
-      case 2:
-        return s ? "w" : "W";
-      case 4:
-        return s ? "i" : "I";
-      default:
-        return s ? "l" : "L";
-    }
+    return std::string(1, numberLetter(TypeKind::Int, std::is_same<T, bool>::value ? 0 : sizeof(T),
+                                       std::is_signed<T>::value));
   }
   Signature _signature;
 };
@@ -112,7 +101,7 @@ class IntTypeImpl : public StorageImpl<T, IntTypeInterface> {
 template <typename T>
 class FloatTypeImpl : public StorageImpl<T, FloatTypeInterface> {
  public:
-  FloatTypeImpl() : _signature(sizeof(T) == 4 ? "f" : "d") {}
+  FloatTypeImpl() : _signature(std::string(1, numberLetter(TypeKind::Float, sizeof(T), true))) {}
   const Signature& signature() const override { return _signature; }
   std::size_t size() const override { return sizeof(T); }
   double get(const void* storage) const override {
