@@ -336,7 +336,8 @@ TEST_F(FrontTest, DeletedUsersLoseTheirDataEvenFromAnInstanceThatWasReplaced) {
   EXPECT_TRUE(logs().empty());
 
   // Another instance takes over; the first one, still alive, goes on announcing its deletions.
-  const auto first = std::exchange(users, boost::make_shared<QV::UserSessionService>(QV::openSqliteUserStore(":memory:")));
+  const auto first = std::exchange(
+      users, boost::make_shared<QV::UserSessionService>(QV::openSqliteUserStore(":memory:")));
   withdrawUsers();
   publishUsers();
   EXPECT_TRUE(front->_set(users->createUser(), "name", text("Di")));

@@ -2,8 +2,8 @@
 // calls, the signals through their hooks, and subscriptions that end with their handle without
 // keeping the service alive.
 
-#include <qvusersession/usersession_client.hpp>
 #include <qvsqlite/sqlite_user_store.hpp>
+#include <qvusersession/usersession_client.hpp>
 #include <qvusersession/usersession_service.hpp>
 
 #include <ka/future.hpp>
