@@ -19,10 +19,6 @@ namespace {
 using ka::AnyValue;
 using ka::LogLevel;
 
-AnyValue text(const std::string& s) {
-  return AnyValue(s);
-}
-
 class DataStoreTest : public UserInfoTest {
  protected:
   void SetUp() override {

@@ -30,6 +30,11 @@
 
 namespace userinfo_test {
 
+// A string value, as a client writes one.
+inline ka::AnyValue text(const std::string& s) {
+  return ka::AnyValue(s);
+}
+
 using Strings = std::vector<std::string>;
 using Rows = std::vector<Strings>;
 using Ids = std::vector<int>;

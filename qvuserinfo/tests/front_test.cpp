@@ -24,10 +24,6 @@ namespace {
 using ka::AnyValue;
 using ka::LogLevel;
 
-AnyValue text(const std::string& s) {
-  return AnyValue(s);
-}
-
 TEST(FrontTypeTest, TheTypeAdvertisesItsMethodsThenItsSignalsInOrder) {
   const ka::ObjectTypePtr type = ka::findType(typeid(QV::QVUserInfo));
   ASSERT_NE(type, nullptr) << "the type was not registered when the library was loaded";

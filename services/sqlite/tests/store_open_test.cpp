@@ -30,7 +30,9 @@
 #include <SQLiteCpp/Database.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
 #include <ka/eventloop.hpp>
+#include "temp_dir_test.hpp"
 
 extern char** environ;
 
@@ -160,23 +162,7 @@ void newerStore(SQLite::Database& db) {
   db.exec("PRAGMA wal_autocheckpoint = 0");  // the change stays in the WAL
 }
 
-class FileStore : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "qvknowledge-open-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir = pattern;
-    path = file("knowledge.db");
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir, ignored);
-  }
-  std::string file(const std::string& name) const { return (dir / name).string(); }
-
-  fs::path dir;
-  std::string path;
-};
+using FileStore = TempDirTest;
 
 // A refused file must be left exactly as it was: no checkpoint, no rollback, no new journal.
 using RefusedFile = FileStore;

@@ -25,6 +25,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "temp_dir_test.hpp"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -44,23 +46,7 @@ Rows all(const TripletStore& store) {
 }
 
 // Suites that need a real file get a fresh directory, removed with its content.
-class FileStore : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "qvknowledge-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir = pattern;
-    path = file("knowledge.db");
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir, ignored);
-  }
-  std::string file(const std::string& name) const { return (dir / name).string(); }
-
-  fs::path dir;
-  std::string path;
-};
+using FileStore = TempDirTest;
 
 using Durable = FileStore;
 

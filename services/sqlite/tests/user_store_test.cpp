@@ -19,6 +19,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "temp_dir_test.hpp"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -44,19 +46,12 @@ std::string openError(const std::string& path) {
   return "";
 }
 
-class UserSessionFile : public ::testing::Test {
+class UserSessionFile : public TempDirTest {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "qvusersession-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir = pattern;
+    TempDirTest::SetUp();
     path = file("users.db");
   }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir, ignored);
-  }
-  std::string file(const std::string& name) const { return (dir / name).string(); }
 
   // Refused with a text that names the file and the reason, leaving the main file as it was.
   void expectRefusedUnchanged(const std::string& at, const std::string& reason) {
@@ -66,9 +61,6 @@ class UserSessionFile : public ::testing::Test {
     EXPECT_THAT(error, HasSubstr(reason));
     EXPECT_EQ(readBytes(at), before) << "the refused file changed";
   }
-
-  fs::path dir;
-  std::string path;
 };
 
 using UserIdsAcrossRestarts = UserSessionFile;
