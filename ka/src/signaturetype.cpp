@@ -5,6 +5,8 @@
 #include <ka/object.hpp>
 #include <ka/signaturetype.hpp>
 
+#include "signature_budget.hpp"
+
 #include <cmath>
 #include <functional>
 #include <map>
@@ -270,6 +272,8 @@ struct Registry {
   std::unordered_map<std::string, std::unique_ptr<TypeInterface>> types;  // guarded by mutex
 };
 
+thread_local detail::SignatureBudget* currentBudget = nullptr;
+
 Registry& registry() {
   static Registry* const instance = std::make_unique<Registry>().release();
   return *instance;
@@ -342,11 +346,30 @@ const TypeInterface* typeFromSignature(const Signature& signature) {
   if (it != r.types.end()) {
     return it->second.get();
   }
+  if (currentBudget != nullptr && currentBudget->used.load() >= currentBudget->limit) {
+    invalid(text, "this connection has introduced " + std::to_string(currentBudget->limit) +
+                      " new signatures, as many as one connection may");
+  }
   if (r.types.size() >= kMaxInternedTypes) {
     invalid(text, "too many distinct signatures in this process (" +
                       std::to_string(kMaxInternedTypes) + ")");
   }
+  if (currentBudget != nullptr) {
+    ++currentBudget->used;
+  }
   return r.types.emplace(text, std::move(built)).first->second.get();
 }
+
+namespace detail {
+
+SignatureBudgetScope::SignatureBudgetScope(SignatureBudget& budget) : previous_(currentBudget) {
+  currentBudget = &budget;
+}
+
+SignatureBudgetScope::~SignatureBudgetScope() {
+  currentBudget = previous_;
+}
+
+}  // namespace detail
 
 }  // namespace ka

@@ -447,6 +447,75 @@ TEST_F(LoadAndFaults, FiftyClientsDoingMixedWorkAreAllAnsweredAndLeaveNothingBeh
   stop(*daemon);
 }
 
+// A `_set` of user 1 whose value claims the signature `signature` (its value nil, which fails
+// to read: the signature was taken in first all the same).
+std::string setWithSignature(std::uint32_t object, std::uint32_t setUid,
+                             const std::string& signature) {
+  msgpack::sbuffer buffer;
+  msgpack::packer<msgpack::sbuffer> packer(buffer);
+  packer.pack_array(4);
+  packer.pack(object);
+  packer.pack(setUid);
+  packer.pack(std::string("(ism)"));
+  packer.pack_array(3);
+  packer.pack(1);
+  packer.pack(std::string("name"));
+  packer.pack_array(2);
+  packer.pack(signature);
+  packer.pack_nil();
+  return std::string(buffer.data(), buffer.size());
+}
+
+// The process keeps every signature it ever saw (16,384 at most). One connection sending ever
+// new ones must use up its own share only, and another must keep being served new ones.
+TEST_F(LoadAndFaults, OneConnectionFillingTheSignatureTableSpoilsItForItselfOnly) {
+  auto daemon = start();
+  ASSERT_TRUE(daemon);
+  std::uint32_t object = 0;
+  std::uint32_t setUid = 0;
+  auto connect = [&] {
+    auto raw = welcomed(socketPath());
+    EXPECT_TRUE(raw->send(frame(kLookup, 1, packArray(std::string("QVUserInfo")))));
+    const auto lookup = raw->readAnswer(1, kAnswerLimit);
+    EXPECT_TRUE(lookup && lookup->type == kReply);
+    const auto handle = parseHandle(*lookup);
+    object = handle.first;
+    for (const auto& m : handle.second) {
+      setUid = m.name == "_set" && m.parameters == "(ism)" ? m.uid : setUid;
+    }
+    return raw;
+  };
+  auto flooder = connect();
+  ASSERT_NE(setUid, 0u);
+  // 12 letters in 4 places: 20,736 distinct tuples, more than the whole table holds.
+  const std::string letters = "bcCwWiIlLfds";
+  std::string frames;
+  constexpr std::uint64_t kSignatures = 17000;
+  for (std::uint64_t n = 0; n < kSignatures; ++n) {
+    std::string signature = "(";
+    for (std::uint64_t rest = n, i = 0; i < 4; ++i, rest /= letters.size()) {
+      signature += letters[rest % letters.size()];
+    }
+    frames += frame(kCall, 100 + n, setWithSignature(object, setUid, signature + ")"));
+  }
+  ASSERT_TRUE(flooder->send(frames));
+  std::string lastError;
+  for (std::uint64_t n = 0; n < kSignatures; ++n) {
+    const auto answer = flooder->readAnswer(100 + n, kAnswerLimit);
+    ASSERT_TRUE(answer && answer->type == kError) << "call " << n;
+    lastError = errorText(*answer);
+  }
+  EXPECT_TRUE(contains(lastError, "new signatures, as many as one connection may")) << lastError;
+
+  auto other = connect();
+  ASSERT_TRUE(other->send(frame(kCall, 7, setWithSignature(object, setUid, "([{ss}]i)"))));
+  const auto answer = other->readAnswer(7, kAnswerLimit);
+  ASSERT_TRUE(answer && answer->type == kError);
+  // Refused for its nil value, as any new signature's first use; not for the table.
+  EXPECT_FALSE(contains(errorText(*answer), "signatures")) << errorText(*answer);
+  stop(*daemon);
+}
+
 // A few requests of nearly the largest frame must not leave the daemon at many times its idle
 // size: the allocator would otherwise keep every freed 16 MiB buffer for later.
 TEST_F(LoadAndFaults, AfterLargeRequestsTheDaemonReturnsNearItsIdleSize) {

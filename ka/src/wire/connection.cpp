@@ -159,6 +159,8 @@ void Connection::onFrame(Frame frame) {
     return;
   }
   try {
+    // Whatever the frame's values make the process intern is on this connection's account.
+    const detail::SignatureBudgetScope budget(_signatures);
     switch (type) {
       case MessageType::Call:
         onCall(frame);

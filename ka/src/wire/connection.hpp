@@ -21,6 +21,7 @@
 #include <ka/object.hpp>
 #include <ka/strand.hpp>
 
+#include "signature_budget.hpp"
 #include "wire/channel.hpp"
 #include "wire/messages.hpp"
 #include "wire/object_table.hpp"
@@ -173,6 +174,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   const Strand _events;
   // Set when the channel's close handler has run.
   Promise<void> _ended;
+  // The new run-time types the peer's frames may add to the process's table: far more than any
+  // client's own types, a sixteenth of the table.
+  static constexpr std::size_t kSignaturesPerConnection = 1024;
+  detail::SignatureBudget _signatures{kSignaturesPerConnection};
 
   mutable std::mutex _mutex;
   // All guarded by _mutex:
