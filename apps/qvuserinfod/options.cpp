@@ -9,6 +9,8 @@
 #include <array>
 #include <filesystem>
 #include <iostream>
+#include <optional>
+#include <string_view>
 
 namespace qvuserinfod {
 namespace {
@@ -44,6 +46,15 @@ const char* levelName(ka::LogLevel level) {
     }
   }
   return "?";
+}
+
+// The file of a `sqlite:PATH` store, or nothing for any other text.
+std::optional<std::string> sqliteStorePath(const std::string& text) {
+  constexpr std::string_view kScheme = "sqlite:";
+  if (text.size() <= kScheme.size() || text.compare(0, kScheme.size(), kScheme) != 0) {
+    return std::nullopt;
+  }
+  return text.substr(kScheme.size());
 }
 
 // "LEVEL" (every category) or "PATTERN=LEVEL".
@@ -113,14 +124,16 @@ CommandLine readCommandLine(int argc, char** argv) {
                  "<file>.users). Default: knowledge.db in the state or data dir");
   auto* storeOption =
       app.add_option("--store", store,
-                     "Keep users and knowledge in a PostgreSQL database shared with other daemons: "
-                     "a libpq URI postgresql://user@host/db (the password from PGPASSWORD or "
-                     "~/.pgpass, never here). Default: the SQLite file")
+                     "Where users and knowledge are kept: a PostgreSQL database shared with other "
+                     "daemons, as a libpq URI postgresql://user@host/db (the password from "
+                     "PGPASSWORD or ~/.pgpass, never here), or sqlite:PATH (as --database PATH). "
+                     "Default: the SQLite file")
           ->check(
               [](const std::string& text) {
-                return QV::isPostgresUri(text)
+                return QV::isPostgresUri(text) || sqliteStorePath(text)
                            ? std::string()
-                           : "expected a URI postgresql://[user@]host[:port]/database";
+                           : "expected a URI postgresql://[user@]host[:port]/database or "
+                             "sqlite:PATH";
               },
               "URI");
   auto* listenOption = app.add_option(
@@ -189,7 +202,8 @@ CommandLine readCommandLine(int argc, char** argv) {
     if (!stateDir.empty()) {
       createDirectories(stateDir);
     }
-    settings.store = store;
+    // A relative SQLite path names a file of the directory the daemon was started in.
+    settings.store = sqliteStorePath(store) ? "sqlite:" + absolute(*sqliteStorePath(store)) : store;
     if (!store.empty()) {
       // No file to make or name.
     } else if (database.empty()) {

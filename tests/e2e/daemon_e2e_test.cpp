@@ -47,6 +47,13 @@ TEST_F(Daemon, PrintsItsSettingsThenOneReadyLineAndStopsCleanlyOnSigterm) {
   EXPECT_TRUE(fs::exists(db + ".users"));
   stop(*daemon);
   EXPECT_FALSE(fs::exists(stateDir() / "qvuserinfod.sock")) << "the socket file is left behind";
+
+  // The same store named as a URI, its relative path taken from where the daemon starts.
+  auto again =
+      start({"--state-dir", stateDir().string(), "--store", "sqlite:" + fs::relative(db).string()});
+  ASSERT_TRUE(again);
+  EXPECT_EQ(lines(again->out()).front(), "store: sqlite:" + db);
+  stop(*again);
 }
 
 TEST_F(Daemon, WithoutFlagsPutsTheSocketInTheRuntimeDirAndTheStoreInTheDataDir) {
@@ -125,6 +132,7 @@ TEST_F(Daemon, RefusesAnEndpointItCannotBindAndBadUsageWithExitCodeTwo) {
   for (const std::vector<std::string>& bad :
        {std::vector<std::string>{"--listen", socketUrl(), "--connect", socketUrl()},
         {"--durability", "sometimes"},
+        {"--store", "mysql://db/qv"},
         {"--log", "loud"},
         {"--no-such-flag"}}) {
     const auto done = e2e::run(QV_DAEMON_PATH, bad, kLimit, env_);
