@@ -93,7 +93,9 @@ Pool::Lease Pool::checkout(Clock::time_point deadline) {
   } catch (const Failure& failure) {
     lock.lock();
     --open_;
-    probing_ = probe ? false : probing_;
+    if (probe) {
+      probing_ = false;
+    }
     if (failure.lost() && (probe || generation == generation_)) {
       markUnreachable(failure.what());
     }
